@@ -1,0 +1,25 @@
+#pragma once
+#include <cstdint>
+
+#include "mux/FileMuxerNotify.h"
+#include "mux/TrackInfo.h"
+
+// The writer interface of the cut engine: name the output, declare the tracks
+// (audio first), start, hand over samples, stop. The base operations hold the
+// state machine and complain about a wrong calling order; implementations
+// call them first.
+class FileMuxer {
+public:
+    // 0 under construction, 1 ready, 2 started, 3 stopped.
+    int32_t state = 0;
+
+    virtual ~FileMuxer() = default;
+    virtual int32_t setOutputFile(const char* path);
+    virtual int32_t addVideoTrack(const VideoTrackInfo* info);
+    virtual int32_t addAudioTrack(const AudioTrackInfo* info);
+    virtual int32_t start();
+    virtual int32_t WriteSampleData(const uint8_t* data, int32_t size, int32_t track, int64_t pts,
+                                    int64_t dts, uint32_t flags);
+    virtual int32_t stop();
+    virtual void setNotify(FileMuxerNotify* notify);
+};

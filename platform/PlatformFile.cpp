@@ -1,0 +1,60 @@
+#include "platform/PlatformFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "platform/Utf8.h"
+
+namespace {
+std::atomic<FileMoveHook> gMoveHook{nullptr};
+
+PlatformFile openWith(const std::wstring& path, int flags) {
+    PlatformFile file;
+    if (path.empty()) return file;
+    const std::string bytes = wideToUtf8(path);
+    if (bytes.empty()) return file;
+    file.fd = ::open(bytes.c_str(), flags | O_CLOEXEC, 0644);
+    return file;
+}
+}  // namespace
+
+PlatformFile openFileRead(const std::wstring& path) { return openWith(path, O_RDONLY); }
+
+PlatformFile openFileReadWrite(const std::wstring& path) {
+    return openWith(path, O_RDWR | O_CREAT);
+}
+
+bool moveFilePointer(PlatformFile file, int32_t distance, MoveFrom from) {
+    if (FileMoveHook hook = gMoveHook.load()) hook(distance, from);
+    if (!file.isOpen()) return false;
+    return ::lseek(file.fd, static_cast<off_t>(distance), from == MoveFrom::Begin ? SEEK_SET : SEEK_CUR) >= 0;
+}
+
+bool readFile(PlatformFile file, void* buffer, uint32_t length, uint32_t* got) {
+    if (got) *got = 0;
+    if (!file.isOpen() || (!buffer && length > 0)) return false;
+    uint32_t total = 0;
+    auto* out = static_cast<uint8_t*>(buffer);
+    while (total < length) {
+        const ssize_t n = ::read(file.fd, out + total, length - total);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            if (got) *got = total;
+            return false;
+        }
+        if (n == 0) break;
+        total += static_cast<uint32_t>(n);
+    }
+    if (got) *got = total;
+    return true;
+}
+
+void closeFile(PlatformFile& file) {
+    if (file.fd >= 0) ::close(file.fd);
+    file.fd = -1;
+}
+
+void setFileMoveHook(FileMoveHook hook) { gMoveHook.store(hook); }

@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Makes the test media with the ffmpeg tool, once: files that exist are kept.
+# Usage: make_media.sh OUTPUT_DIR
+set -euo pipefail
+out=${1:?output directory}
+mkdir -p "$out"
+cd "$out"
+
+ff() { ffmpeg -nostdin -hide_banner -loglevel error -y "$@"; }
+# The picture: a moving test pattern, 320x240 at 25 fps. Keys every second,
+# B-frames on, so decode order differs from presentation order.
+video() { echo "-f lavfi -i testsrc2=size=${1:-320x240}:rate=25:duration=${2:-5}"; }
+tone() { echo "-f lavfi -i sine=frequency=440:sample_rate=${1}:duration=${2:-5}"; }
+x264="-c:v libx264 -preset veryfast -bf 2 -g 25 -keyint_min 25 -sc_threshold 0 -pix_fmt yuv420p"
+
+make() {  # make NAME COMMAND...: run only when NAME is missing, write atomically
+  local name=$1; shift
+  [ -s "$name" ] && return 0
+  "$@" "tmp.$name"
+  mv "tmp.$name" "$name"
+}
+
+# The main fixture: H.264 with B-frames + AAC 44100 Hz stereo, key every second, moov at the end.
+make main.mp4 ff $(video) $(tone 44100) $x264 -c:a aac -ac 2 -b:a 96k -shortest
+# The same with AAC 48000 Hz mono.
+make mono48k.mp4 ff $(video) $(tone 48000) $x264 -c:a aac -ac 1 -b:a 64k -shortest
+# H.264 without any audio.
+make noaudio.mp4 ff $(video) $x264
+# moov at the start of the file.
+make faststart.mp4 ff $(video) $(tone 44100) $x264 -c:a aac -ac 2 -movflags +faststart -shortest
+# Also a .mov container with the same content.
+make main.mov ff $(video) $(tone 44100) $x264 -c:a aac -ac 2 -shortest
+# A tiny file (one second, small picture) for loops of many walks.
+make tiny.mp4 ff $(video 64x48 1) $(tone 44100 1) $x264 -c:a aac -ac 2 -shortest
+# Top half red, bottom half blue: known colours for the 24-bit output test.
+make halves.mp4 ff -f lavfi -i "color=c=red:size=320x120:rate=25:duration=2[t];color=c=blue:size=320x120:rate=25:duration=2[b];[t][b]vstack" \
+  $(tone 44100 2) $x264 -c:a aac -ac 2 -shortest
+# Accepted: a subtitle track (mov_text) beside H.264 + AAC.
+[ -s subs.srt ] || printf '1\n00:00:00,000 --> 00:00:02,000\nhello\n\n2\n00:00:02,500 --> 00:00:04,000\nworld\n' > subs.srt
+make subtitle.mp4 ff $(video) $(tone 44100) -i subs.srt -map 0:v -map 1:a -map 2:s $x264 -c:a aac -ac 2 -c:s mov_text -shortest
+# Two H.264 video streams: both feed the one index.
+make twovideo.mp4 ff $(video) $(video 160x120) $(tone 44100) -map 0:v -map 1:v -map 2:a $x264 -c:a aac -ac 2 -shortest
+# H.264 + an attached picture (cover art) stream: the cover is a PNG video stream.
+[ -s cover.png ] || ff -f lavfi -i color=c=green:size=64x64 -frames:v 1 cover.png
+make coverart.mp4 ff -i main.mp4 -i cover.png -map 0 -map 1 -c copy -c:v:1 png -disposition:v:1 attached_pic
+
+# Refusals.
+# HEVC video.
+make hevc.mp4 ff $(video) $(tone 44100) -c:v libx265 -x265-params log-level=error -tag:v hvc1 -c:a aac -shortest
+# MPEG-4 Part 2 video.
+make mpeg4.mp4 ff $(video) $(tone 44100) -c:v mpeg4 -c:a aac -shortest
+# MP3 audio beside H.264.
+make mp3audio.mp4 ff $(video) $(tone 44100) $x264 -c:a libmp3lame -shortest
+# AAC at 22050 Hz.
+make aac22050.mp4 ff $(video) $(tone 22050) $x264 -c:a aac -ar 22050 -shortest
+# AAC with 6 channels.
+make aac6ch.mp4 ff $(video) $(tone 48000) $x264 -c:a aac -ac 6 -shortest
+# Audio only.
+make audioonly.mp4 ff $(tone 44100) -c:a aac -ac 2
+# VP9 in WebM.
+make vp9.webm ff $(video 320x240 2) -c:v libvpx-vp9 -deadline realtime -cpu-used 8 -b:v 200k
+# A zero-byte file and a text file named .mp4.
+[ -e empty.mp4 ] || : > empty.mp4
+[ -s text.mp4 ] || printf 'This is not a video file.\nJust some text.\n' > text.mp4
+# Truncated: the first 40% of a moov-at-the-end file (no moov at all) ...
+[ -s truncated_nomoov.mp4 ] || head -c $(( $(stat -c %s main.mp4) * 4 / 10 )) main.mp4 > truncated_nomoov.mp4
+# ... and a moov-at-the-start file cut in its media data.
+[ -s truncated.mp4 ] || head -c $(( $(stat -c %s faststart.mp4) * 6 / 10 )) faststart.mp4 > truncated.mp4
+
+# Larger than 20 MiB: reads must cross the 20 MiB buffer of the picture and cut paths.
+# Lossless noisy 640x360 keeps the size up in a few seconds.
+make large.mp4 ff -f lavfi -i "testsrc2=size=640x360:rate=25:duration=3,noise=alls=40:allf=t" $(tone 44100 3) \
+  -c:v libx264 -preset ultrafast -qp 0 -g 25 -keyint_min 25 -sc_threshold 0 -pix_fmt yuv420p -c:a aac -ac 2 -shortest
+
+touch .complete

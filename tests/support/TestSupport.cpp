@@ -1,0 +1,126 @@
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+extern "C" {
+#include <libavutil/md5.h>
+#include <libavutil/mem.h>
+}
+
+namespace tsltest {
+
+std::string media(const std::string& name) { return std::string(TSL_MEDIA_DIR) + "/" + name; }
+
+std::string scratchDir() {
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "scratch";
+    std::replace(name.begin(), name.end(), '/', '_');
+    const std::filesystem::path dir = std::filesystem::path(TSL_BUILD_DIR) / "scratch" / name;
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(dir);
+    return dir.string();
+}
+
+std::string run(const std::string& command, int* status) {
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) {
+        if (status) *status = -1;
+        return out;
+    }
+    std::array<char, 65536> chunk;
+    size_t n;
+    while ((n = fread(chunk.data(), 1, chunk.size(), pipe)) > 0) out.append(chunk.data(), n);
+    const int rc = pclose(pipe);
+    if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    return out;
+}
+
+std::string md5(const uint8_t* data, size_t size) {
+    uint8_t digest[16];
+    av_md5_sum(digest, data, size);
+    char hex[33];
+    for (int i = 0; i < 16; ++i) snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+    return hex;
+}
+
+std::string fileMd5(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return {};
+    AVMD5* ctx = av_md5_alloc();
+    av_md5_init(ctx);
+    std::vector<char> chunk(1 << 20);
+    while (in) {
+        in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+        av_md5_update(ctx, reinterpret_cast<const uint8_t*>(chunk.data()), static_cast<size_t>(in.gcount()));
+    }
+    uint8_t digest[16];
+    av_md5_final(ctx, digest);
+    av_free(ctx);
+    char hex[33];
+    for (int i = 0; i < 16; ++i) snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+    return hex;
+}
+
+std::string shellQuote(const std::string& s) {
+    std::string out = "'";
+    for (char c : s) out += (c == '\'') ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+int32_t EventRecorder::callback(void* user, int32_t event) {
+    static_cast<EventRecorder*>(user)->record(event);
+    return 0;
+}
+
+void EventRecorder::record(int32_t event) {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back(event);
+    }
+    changed.notify_all();
+}
+
+std::vector<int32_t> EventRecorder::events() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return seen;
+}
+
+size_t EventRecorder::count(int32_t event) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<size_t>(std::count(seen.begin(), seen.end(), event));
+}
+
+void EventRecorder::clear() {
+    std::lock_guard<std::mutex> lock(mutex);
+    seen.clear();
+}
+
+bool EventRecorder::waitFor(int32_t event, size_t times, std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, timeout, [&] {
+        return static_cast<size_t>(std::count(seen.begin(), seen.end(), event)) >= times;
+    });
+}
+
+int32_t EventRecorder::waitForAny(const std::vector<int32_t>& events, std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(mutex);
+    int32_t found = -1;
+    changed.wait_for(lock, timeout, [&] {
+        for (int32_t e : seen)
+            if (std::find(events.begin(), events.end(), e) != events.end()) {
+                found = e;
+                return true;
+            }
+        return false;
+    });
+    return found;
+}
+
+}  // namespace tsltest

@@ -1,0 +1,49 @@
+#pragma once
+// Helpers shared by the test executables: fixture paths, running the ffmpeg
+// tools for ground truth, file hashes, and a recorder of host events.
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace tsltest {
+
+// Absolute path of a generated fixture (tests/media/make_media.sh).
+std::string media(const std::string& name);
+// A fresh, empty scratch directory for this test; removed by the caller's fixture if wanted.
+std::string scratchDir();
+// Runs a shell command and returns its standard output; `status` gets the exit status.
+std::string run(const std::string& command, int* status = nullptr);
+// MD5 of a file's bytes, hex; empty when unreadable.
+std::string fileMd5(const std::string& path);
+// MD5 of a block, hex.
+std::string md5(const uint8_t* data, size_t size);
+// Quotes a string for the shell.
+std::string shellQuote(const std::string& s);
+
+// Collects host events in arrival order; safe from any thread.
+class EventRecorder {
+public:
+    // The host callback shape; `user` must be an EventRecorder.
+    static int32_t callback(void* user, int32_t event);
+
+    void record(int32_t event);
+    std::vector<int32_t> events() const;
+    size_t count(int32_t event) const;
+    void clear();
+    // Waits until `event` has been seen `times` times; false on timeout.
+    bool waitFor(int32_t event, size_t times = 1,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+    // Waits until any of `events` has been seen; returns it, or -1 on timeout.
+    int32_t waitForAny(const std::vector<int32_t>& events,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+
+private:
+    mutable std::mutex mutex;
+    mutable std::condition_variable changed;
+    std::vector<int32_t> seen;
+};
+
+}  // namespace tsltest
