@@ -1,0 +1,122 @@
+#pragma once
+// The object behind a host's handle: one file at a time, one worker thread at
+// a time, the frame index of the current file and the current picture.
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "api/tessalo.h"
+#include "base/BasePacket.h"
+#include "instance/FrameRecord.h"
+#include "mux/TrackInfo.h"
+
+namespace Morvel_Tessalo {
+
+class DemuxerBase;
+class DecoderBase;
+class FileEditer;
+struct DemuxerPacket;
+
+// Values of TessaloImpl::state.
+constexpr int32_t kStateRunning = 0;   // a worker has started: walk, or a fetch about to begin
+constexpr int32_t kStateFetching = 1;  // fetchPictures is feeding the decoder
+constexpr int32_t kStateStopped = 2;   // nothing runs, or the worker has been told to end
+
+// Size of the piece of the file that a picture fetch holds at once (20 MiB).
+constexpr int32_t kReadBufferSize = 0x1400000;
+
+// Turns the decoder's packed planar I420 block into the host's form in
+// `*outputPicture`; the block is made on first use and then reused.
+void convertPicture(const uint8_t* source, int32_t sourceSize, int32_t width, int32_t height,
+                    std::unique_ptr<uint8_t[]>* outputPicture, int32_t* outputPictureSize,
+                    int32_t outputFormat);
+
+// Fields are public on purpose: the exports, the picture path and the cut
+// engine read them in place, and nothing guards them but the order of events.
+class TessaloImpl {
+public:
+    TessaloImpl(void* user, TessaloCallback callback);
+    ~TessaloImpl();
+    TessaloImpl(const TessaloImpl&) = delete;
+    TessaloImpl& operator=(const TessaloImpl&) = delete;
+
+    // Requests of the host (TSL_StartPic, TSL_GetPicByPts).
+    bool startPic(const char* newPath);
+    bool getPicByPts(const int64_t* pts, int32_t count);
+
+    // Worker thread.
+    void stopWorker();
+    void workerMain();
+    bool openDemuxer();
+    void readMediaInfo();
+    void setState(int32_t value);
+    bool isStopped();
+    void waitForIndex();
+    void wakeWorker();
+
+    // Reports from the demuxer (user data: the instance) and the cut engine.
+    static int onDemuxerPacket(int kind, DemuxerPacket* packet, void* user);
+    static void onDemuxerEvent(int kind, int detail, void* data, void* user);
+    static void onEditerNotify(void* context, int32_t code);
+
+    // Frame index.
+    void addVideoFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size);
+    void addAudioFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size);
+    void sortIndex();
+    void clearIndex();
+    int32_t getKeyPts(int64_t* out);
+    int32_t getPtsCountByKeyPts(int64_t keyPts);
+    int32_t getPtsByKeyPts(int64_t keyPts, int64_t* out);
+
+    // Picture retrieval.
+    bool openDecoder(int32_t size, uint8_t* data);
+    void locateStart();
+    bool fetchPictures();
+    void receivePicture();
+
+    // Sends one host event; no lock may be held by the caller.
+    void notifyHost(int32_t event);
+
+    void* userData = nullptr;
+    TessaloCallback hostCallback = nullptr;
+    DemuxerBase* demuxer = nullptr;  // owned
+    DecoderBase* decoder = nullptr;  // owned
+    bool fetchMode = false;
+    std::unique_ptr<char[]> path;  // UTF-8, as the host gave it
+    std::vector<int64_t> askedPts;
+    std::vector<FrameGroup*> keyGroups;        // owned, stream order
+    std::vector<FrameGroup*> sortedKeyGroups;  // owned, each group sorted by pts once the walk ended
+    FrameGroup* currentSortedGroup = nullptr;
+    FrameGroup* currentKeyGroup = nullptr;
+    std::vector<FrameRecord*> audioFrames;  // owned
+    std::unique_ptr<std::thread> worker;
+    std::mutex stateMutex;
+    std::mutex wakeMutex;
+    std::condition_variable wakeCondition;
+    int32_t state = kStateStopped;
+    int32_t outputFormat = 0;
+    int32_t runDelivered = 0;
+    int32_t keyDelivered = 0;
+    bool keysOnly = false;
+    bool firstDelivered = false;
+    bool allDelivered = false;
+    std::unique_ptr<uint8_t[]> outputPicture;
+    int32_t outputPictureSize = 0;
+    VideoPacket picture;
+    int64_t currentPts = -1;
+    bool currentKey = false;
+    TessaloMediaInfo mediaInfo{};
+    uint32_t startGroup = 0;
+    int32_t extraDataSize = 0;
+    std::unique_ptr<uint8_t[]> extraData;
+    int32_t annexBExtraDataSize = 0;
+    std::unique_ptr<uint8_t[]> annexBExtraData;
+    VideoTrackInfo videoTrackInfo{};
+    AudioTrackInfo audioTrackInfo{};
+    FileEditer* editor = nullptr;  // owned, made by the constructor
+};
+
+}  // namespace Morvel_Tessalo
