@@ -1,0 +1,83 @@
+#pragma once
+#include <pthread.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "base/BaseBufferQueue.h"
+#include "base/ThreadMutex.h"
+#include "mux/FileMuxer.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+}
+
+class MPEG4MuxerThread;
+
+// Writes already-compressed H.264 and AAC samples into a new file through
+// libavformat; the container follows from the file name. The caller's thread
+// only copies each sample into a ring; MPEG4MuxerThread drains the rings into
+// the file in decoding-time order.
+//
+// The fields are public because MPEG4MuxerThread works on them directly; the
+// rings and their mutex/condition pairs are the only state the two threads share.
+class MPEG4FileMuxer : public FileMuxer {
+public:
+    // Ring geometry: the largest samples that can reach the file.
+    static constexpr int32_t kVideoRingCapacity = 200;
+    static constexpr int32_t kVideoElementSize = 0x80000;  // 512 KiB
+    static constexpr int32_t kAudioRingCapacity = 300;
+    static constexpr int32_t kAudioElementSize = 0x1000;   // 4 KiB
+
+    MPEG4FileMuxer();
+    ~MPEG4FileMuxer() override;
+    MPEG4FileMuxer(const MPEG4FileMuxer&) = delete;
+    MPEG4FileMuxer& operator=(const MPEG4FileMuxer&) = delete;
+
+    int32_t setOutputFile(const char* path) override;
+    int32_t addVideoTrack(const VideoTrackInfo* info) override;
+    int32_t addAudioTrack(const AudioTrackInfo* info) override;
+    int32_t start() override;
+    int32_t WriteSampleData(const uint8_t* data, int32_t size, int32_t track, int64_t pts,
+                            int64_t dts, uint32_t flags) override;
+    int32_t stop() override;
+    void setNotify(FileMuxerNotify* notify) override;
+
+    struct FormatContextDeleter {
+        void operator()(AVFormatContext* context) const;
+    };
+    struct CodecContextDeleter {
+        void operator()(AVCodecContext* context) const;
+    };
+    struct BsfDeleter {
+        void operator()(AVBSFContext* context) const;
+    };
+
+    FileMuxerNotify* notify = nullptr;
+    std::unique_ptr<AVFormatContext, FormatContextDeleter> formatContext;
+    const AVOutputFormat* outputFormat = nullptr;
+    AVStream* videoStream = nullptr;
+    AVStream* audioStream = nullptr;
+    const AVCodec* videoEncoder = nullptr;
+    const AVCodec* audioEncoder = nullptr;
+    // The streams no longer carry a codec context: each track keeps the
+    // encoder context it opened, freed where the codecs are closed.
+    std::unique_ptr<AVCodecContext, CodecContextDeleter> videoCodecContext;
+    std::unique_ptr<AVCodecContext, CodecContextDeleter> audioCodecContext;
+    std::unique_ptr<AVBSFContext, BsfDeleter> aacFilter;
+    pthread_mutex_t audioMutex;
+    pthread_mutex_t videoMutex;
+    pthread_cond_t audioRoom;
+    pthread_cond_t videoRoom;
+    BaseBufferQueue videoQueue;
+    BaseBufferQueue audioQueue;
+    const char* outputPath = nullptr;
+    int64_t lastVideoDts;
+    int64_t lastAudioDts;
+    bool hasAudio = false;
+    bool hasVideo = false;
+    ThreadMutex threadMutex;
+    MPEG4MuxerThread* muxerThread = nullptr;
+};
