@@ -1,0 +1,73 @@
+#pragma once
+#include <cstdint>
+#include <memory>
+
+#include "decode/BaseCodec.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libswresample/swresample.h>
+}
+
+class BaseBuffer;
+
+// Holders that give each FFmpeg object back with its own free function.
+struct CodecContextFree {
+    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct PacketFree {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct FrameFree {
+    void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct ResamplerFree {
+    void operator()(SwrContext* s) const { swr_free(&s); }
+};
+struct AvBytesFree {
+    void operator()(uint8_t* p) const { av_free(p); }
+};
+
+// Room for codec private data, and for one frame of converted audio.
+constexpr int32_t kCodecExtraDataRoom = 0x100000;
+constexpr int32_t kCodecAudioOutRoom = 0x100000;
+
+// BaseCodec on libavcodec: H.264 (and a few other) video into planar 4:2:0
+// plane pointers, or audio into interleaved 16-bit stereo through
+// libswresample. One buffer in, one buffer out; the input is never copied here.
+class SoftMediaDecoder : public BaseCodec {
+public:
+    explicit SoftMediaDecoder(int32_t mediaKind);
+    ~SoftMediaDecoder() override;
+    SoftMediaDecoder(const SoftMediaDecoder&) = delete;
+    SoftMediaDecoder& operator=(const SoftMediaDecoder&) = delete;
+
+    int32_t init(int32_t codecType) override;
+    int32_t uninit() override;
+    int32_t setParameter(int32_t id, void* value) override;
+    int32_t start() override;
+    int32_t stop() override;
+    int32_t inputBuffer(BaseBuffer* buffer) override;
+    int32_t outputBuffer(BaseBuffer* out) override;
+
+    int32_t state = kCodecStateUninit;
+    int32_t mediaKind = 0;
+    int32_t codecType = 0;
+    int32_t threadCount = 1;
+    bool flushing = false;
+    std::unique_ptr<AVCodecContext, CodecContextFree> context;
+    const AVCodec* decoder = nullptr;
+    std::unique_ptr<AVPacket, PacketFree> packet;  // its bytes are the caller's
+    std::unique_ptr<AVFrame, FrameFree> frame;
+    std::unique_ptr<SwrContext, ResamplerFree> resampler;
+    std::unique_ptr<BaseBuffer> extraData;  // staging; data is extraDataBlock
+    std::unique_ptr<uint8_t, AvBytesFree> extraDataBlock;  // kCodecExtraDataRoom bytes
+    std::unique_ptr<uint8_t, AvBytesFree> audioOut;
+
+private:
+    int32_t decodeOnce(bool clearAfterSend);
+    int32_t outputVideo(BaseBuffer* out);
+    int32_t outputAudio(BaseBuffer* out);
+    int32_t convertAudio();
+    bool makeContext();
+};
