@@ -1,0 +1,497 @@
+#include "demux/AVStreamParse.h"
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <system_error>
+
+extern "C" {
+#include <libavcodec/bsf.h>
+}
+
+#include "base/Log.h"
+
+namespace {
+
+constexpr int kMissingFile = -2;  // AVERROR(ENOENT)
+constexpr int kMaxReadFailures = 50;
+
+struct PacketFree {
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+using PacketHolder = std::unique_ptr<AVPacket, PacketFree>;
+
+struct FilterFree {
+    void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
+};
+using FilterHolder = std::unique_ptr<AVBSFContext, FilterFree>;
+
+// Copies `size` bytes into a new block; null for an empty or missing source
+// (and when the block cannot be had, so that size and block stay in step).
+std::unique_ptr<uint8_t[]> copyBytes(const uint8_t* source, int32_t size, int32_t* copied) {
+    *copied = 0;
+    if (!source || size <= 0) return nullptr;
+    std::unique_ptr<uint8_t[]> block(new (std::nothrow) uint8_t[size]);
+    if (!block) return nullptr;
+    std::memcpy(block.get(), source, size);
+    *copied = size;
+    return block;
+}
+
+int32_t clampToInt32(int64_t value) {
+    if (value > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
+    if (value < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
+    return static_cast<int32_t>(value);
+}
+
+// Ticks per second of a time base. Video keeps the fraction; audio drops the
+// remainder of the quotient.
+double videoTicksPerSecond(AVRational timeBase) {
+    if (timeBase.num <= 0 || timeBase.den == 0) return 0.0;
+    return static_cast<double>(timeBase.den) / static_cast<double>(timeBase.num);
+}
+
+double audioTicksPerSecond(AVRational timeBase) {
+    if (timeBase.num <= 0 || timeBase.den == 0) return 0.0;
+    return static_cast<double>(timeBase.den / timeBase.num);
+}
+
+// Milliseconds from `base` to `value`, truncated towards zero. A stream with
+// no usable time base (0 ticks per second) reports 0: the division has no
+// meaning and an infinite result has no integer form. Results beyond the
+// 64-bit range saturate rather than overflow.
+int64_t toMilliseconds(int64_t value, int64_t base, double ticksPerSecond) {
+    if (ticksPerSecond == 0.0) return 0;
+    int64_t difference = 0;
+    double ticks = __builtin_sub_overflow(value, base, &difference)
+                       ? static_cast<double>(value) - static_cast<double>(base)
+                       : static_cast<double>(difference);
+    double milliseconds = std::trunc(ticks * 1000.0 / ticksPerSecond);
+    constexpr double kLimit = 9.2e18;  // inside the int64 range
+    if (milliseconds >= kLimit) return static_cast<int64_t>(kLimit);
+    if (milliseconds <= -kLimit) return -static_cast<int64_t>(kLimit);
+    return static_cast<int64_t>(milliseconds);
+}
+
+// MPEG-4 sampling frequency index; 15 (explicit frequency) for a rate the
+// table does not know, which no accepted stream has.
+int rateIndex(int32_t rate) {
+    static const int32_t kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
+                                     22050, 16000, 12000, 11025, 8000,  7350};
+    for (int i = 0; i < static_cast<int>(sizeof(kRates) / sizeof(kRates[0])); ++i)
+        if (kRates[i] == rate) return i;
+    return 15;
+}
+
+bool listHas(const int32_t* list, uint16_t count, int index) {
+    for (uint16_t i = 0; i < count; ++i)
+        if (list[i] == index) return true;
+    return false;
+}
+
+}  // namespace
+
+AVStreamParse::AVStreamParse() { resetFields(); }
+
+AVStreamParse::~AVStreamParse() {
+    extraData.reset();
+    annexBExtraData.reset();
+    stop();
+}
+
+void AVStreamParse::resetFields() {
+    audioCount = videoCount = subtitleCount = 0;
+    width = height = 0;
+    firstAudio = firstVideo = firstSubtitle = -1;
+    frameRate = 0.0;
+    duration = 0.0;
+    state = kParseStateIdle;
+    for (int i = 0; i < kParseTableSize; ++i) {
+        channels[i] = 0xFFFF;
+        sampleRates[i] = 0;
+        audioList[i] = videoList[i] = subtitleList[i] = -1;
+    }
+    videoCodecId = audioCodecId = 0;
+    audioTimeBase = videoTimeBase = AVRational{0, 0};
+    hasVideo = hasAudio = hasSubtitle = false;
+    extraData.reset();
+    extraDataSize = 0;
+    annexBExtraData.reset();
+    annexBExtraDataSize = 0;
+    audioBitRate = audioRate = audioChannels = videoBitRate = 0;
+}
+
+int AVStreamParse::init(ParseNotify function, void* user) {
+    if (!function) return 1;
+    notify = function;
+    notifyData = user;
+    // Registration of formats and codecs is automatic since FFmpeg 4.
+    avformat_network_init();
+    installFFmpegLogSink();
+    resetFields();
+    path.reset(new (std::nothrow) char[kParsePathSize]);
+    // Without the path buffer there is nothing to pair the network setup with.
+    if (!path) {
+        avformat_network_deinit();
+        return 1;
+    }
+    std::memset(path.get(), 0, kParsePathSize);
+    return 0;
+}
+
+int AVStreamParse::open(const char* source) {
+    if (!source) {
+        Log("AVStream", "AV stream source path error! StreamPath = %s\n", "(null)");
+        return 1;
+    }
+    // The copy keeps at most 2047 bytes; FFmpeg still gets the whole path as
+    // given, so a longer path opens but its copy is cut short.
+    if (path) {
+        std::strncpy(path.get(), source, kParsePathSize - 1);
+        path[kParsePathSize - 1] = '\0';
+    }
+    int result = avformat_open_input(&formatContext, source, nullptr, nullptr);
+    if (result == kMissingFile) {
+        Log("AVStream", "Could not open input stream.ret=%d  stream path = %s, url is error \n", result,
+            source);
+        return 1;
+    }
+    if (result != 0) {
+        Log("AVStream", "Could not open input stream.ret=%d  stream path = %s\n", result, source);
+        return 1;
+    }
+    Log("AVStream", "%s connected.\n", source);
+    state = kParseStateOpened;
+    return 0;
+}
+
+int AVStreamParse::sendNotify(int kind, int detail, void* data) {
+    return notify ? notify(kind, detail, data, notifyData) : 0;
+}
+
+int AVStreamParse::scanStreams() {
+    if (!formatContext) return 1;
+    if (avformat_find_stream_info(formatContext, nullptr) < 0) return 1;
+    duration = formatContext->duration == AV_NOPTS_VALUE
+                   ? 0.0
+                   : static_cast<double>(formatContext->duration) / 1000.0;
+    codecContexts.clear();
+    codecContexts.resize(formatContext->nb_streams);
+
+    for (unsigned int index = 0; index < formatContext->nb_streams; ++index) {
+        AVStream* stream = formatContext->streams[index];
+        // The per-stream tables have 10 slots indexed by stream index, so a
+        // stream at index 10 or above is left out like a stream of an unknown
+        // kind: never examined, never read. This also bounds each list.
+        if (index >= static_cast<unsigned int>(kParseTableSize)) {
+            stream->discard = AVDISCARD_ALL;
+            continue;
+        }
+        int refused = 0;
+        switch (stream->codecpar->codec_type) {
+        case AVMEDIA_TYPE_VIDEO:
+            refused = scanVideo(stream, static_cast<int>(index));
+            break;
+        case AVMEDIA_TYPE_AUDIO:
+            refused = scanAudio(stream, static_cast<int>(index));
+            break;
+        case AVMEDIA_TYPE_SUBTITLE:
+            subtitleList[subtitleCount++] = static_cast<int32_t>(index);
+            hasSubtitle = true;
+            if (firstSubtitle == -1) firstSubtitle = static_cast<int16_t>(index);
+            break;
+        default:
+            stream->discard = AVDISCARD_ALL;
+            break;
+        }
+        if (refused) return 1;
+    }
+
+    if (!hasVideo) {
+        sendNotify(kParseError, 2, nullptr);
+        return 1;
+    }
+    // No reader exists yet: nobody else can see the state.
+    state = kParseStateRunning;
+    sendNotify(kParseOpened, 0, nullptr);
+    try {
+        reader.reset(new std::thread(&AVStreamParse::readLoop, this));
+    } catch (const std::exception&) {
+        return 1;
+    }
+    return 0;
+}
+
+int AVStreamParse::scanVideo(AVStream* stream, int index) {
+    AVCodecParameters* parameters = stream->codecpar;
+    if (parameters->width <= 0 || parameters->height <= 0) {
+        stream->discard = AVDISCARD_ALL;
+        return 0;
+    }
+    videoList[videoCount++] = index;
+    width = parameters->width;
+    height = parameters->height;
+    hasVideo = true;
+    AVRational rate = stream->r_frame_rate;
+    if (rate.num != 0 && rate.den != 0) {
+        frameRate = static_cast<double>(rate.num) / static_cast<double>(rate.den);
+    } else {
+        // FFmpeg 5.1 has no stream codec context (time base x ticks per
+        // frame): the stream's average frame rate is the nearest fallback.
+        AVRational average = stream->avg_frame_rate;
+        frameRate = (average.num != 0 && average.den != 0)
+                        ? static_cast<double>(average.num) / static_cast<double>(average.den)
+                        : 0.0;
+    }
+    if (firstVideo == -1) {
+        firstVideo = static_cast<int16_t>(index);
+        videoTimeBase = stream->time_base;
+        openDecoder(stream);
+    }
+    videoBitRate = clampToInt32(parameters->bit_rate);
+    videoCodecId = parameters->codec_id;
+    if (parameters->codec_id != AV_CODEC_ID_H264) {
+        sendNotify(kParseError, 3, nullptr);
+        return 1;
+    }
+    extraData = copyBytes(parameters->extradata, parameters->extradata_size, &extraDataSize);
+
+    const AVBitStreamFilter* definition = av_bsf_get_by_name("h264_mp4toannexb");
+    AVBSFContext* made = nullptr;
+    if (!definition || av_bsf_alloc(definition, &made) < 0) return 1;
+    FilterHolder filter(made);
+    // Initialising the filter on the stream's parameters is what rewrites the
+    // extra data into start-code form; like the conversion call it replaces,
+    // its result is not looked at and no packet ever goes through it.
+    if (avcodec_parameters_copy(filter->par_in, parameters) >= 0) av_bsf_init(filter.get());
+    const AVCodecParameters* converted = filter->par_out;
+    annexBExtraData = converted ? copyBytes(converted->extradata, converted->extradata_size,
+                                            &annexBExtraDataSize)
+                                : nullptr;
+    if (!converted) annexBExtraDataSize = 0;
+    return 0;
+}
+
+int AVStreamParse::scanAudio(AVStream* stream, int index) {
+    AVCodecParameters* parameters = stream->codecpar;
+    if (parameters->sample_rate == 0) {
+        stream->discard = AVDISCARD_ALL;
+        return 0;
+    }
+    int32_t channelCount = parameters->ch_layout.nb_channels;
+    audioList[audioCount++] = index;
+    sampleRates[index] = parameters->sample_rate;
+    channels[index] = static_cast<uint16_t>(channelCount & 0xFFFF);
+    hasAudio = true;
+    if (firstAudio == -1) {
+        firstAudio = static_cast<int16_t>(index);
+        audioTimeBase = stream->time_base;
+        openDecoder(stream);
+    }
+    audioCodecId = parameters->codec_id;
+    audioRate = stream->time_base.den;
+    audioChannels = channelCount == 0 ? 2 : channelCount;
+    audioBitRate = clampToInt32(parameters->bit_rate);
+    if (parameters->codec_id != AV_CODEC_ID_AAC) {
+        sendNotify(kParseError, 3, nullptr);
+        return 1;
+    }
+    if (audioRate != 44100 && audioRate != 48000) {
+        sendNotify(kParseError, 4, nullptr);
+        return 1;
+    }
+    if (audioChannels < 1 || audioChannels > 3) {
+        sendNotify(kParseError, 5, nullptr);
+        return 1;
+    }
+    return 0;
+}
+
+const AVCodec* AVStreamParse::openDecoder(AVStream* stream) {
+    if (!stream || stream->index < 0) return nullptr;
+    size_t slot = static_cast<size_t>(stream->index);
+    if (slot >= codecContexts.size()) codecContexts.resize(slot + 1);
+    auto& context = codecContexts[slot];
+    if (context && avcodec_is_open(context.get())) return context->codec;
+    const AVCodec* decoder = avcodec_find_decoder(stream->codecpar->codec_id);
+    if (!decoder) return nullptr;
+    context.reset(avcodec_alloc_context3(decoder));
+    if (!context || avcodec_parameters_to_context(context.get(), stream->codecpar) < 0 ||
+        avcodec_open2(context.get(), decoder, nullptr) < 0) {
+        context.reset();
+        return nullptr;
+    }
+    return decoder;
+}
+
+void AVStreamParse::closeInput() {
+    if (!formatContext) return;
+    codecContexts.clear();
+    avformat_close_input(&formatContext);
+    formatContext = nullptr;
+}
+
+bool AVStreamParse::isStopping() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return state == kParseStateStopping;
+}
+
+void AVStreamParse::pause() {
+    std::unique_lock<std::mutex> lock(mutex);
+    // One wait, ended by any wake-up: the test and the wait share this hold
+    // of the mutex, so a stop cannot slip in between.
+    if (state != kParseStateStopping) condition.wait(lock);
+}
+
+void AVStreamParse::readLoop() {
+    bool keySeen = false;
+    int readFailures = 0;
+    // The scratch buffer follows from the picture size. A very small picture
+    // can make it shorter than a wrapped audio packet; it then grows to fit,
+    // so that no packet is lost from the index and no write passes its end.
+    size_t scratchSize = static_cast<size_t>(width > 0 ? width : 0) *
+                         static_cast<size_t>(height > 0 ? height : 0) * 3 / 2;
+    std::unique_ptr<uint8_t[]> scratch(new (std::nothrow) uint8_t[scratchSize > 0 ? scratchSize : 1]);
+    if (!scratch) scratchSize = 0;
+    bool videoPtsBaseSet = false, videoDtsBaseSet = false, audioPtsBaseSet = false;
+    int64_t videoPtsBase = 0, videoDtsBase = 0, audioPtsBase = 0;
+    PacketHolder packet(av_packet_alloc());
+    if (!packet) {
+        sendNotify(kParseError, 0, nullptr);
+        return;
+    }
+
+    for (;;) {
+        if (isStopping()) break;
+        int result = av_read_frame(formatContext, packet.get());
+        if (result == AVERROR_EOF) {
+            sendNotify(kParseEnded, 1, nullptr);
+            sendNotify(kParseEnded, 2, nullptr);
+            break;
+        }
+        if (result != 0) {
+            if (++readFailures > kMaxReadFailures) {
+                sendNotify(kParseError, 0, nullptr);
+                break;
+            }
+            continue;
+        }
+        readFailures = 0;
+
+        int index = packet->stream_index;
+        if (index < 0 || static_cast<unsigned int>(index) >= formatContext->nb_streams ||
+            !formatContext->streams[index] || formatContext->streams[index]->discard == AVDISCARD_ALL) {
+            av_packet_unref(packet.get());
+            continue;
+        }
+        AVStream* stream = formatContext->streams[index];
+        if (packet->pts == AV_NOPTS_VALUE) packet->pts = packet->dts;
+
+        ParsedPacket parsed{};
+        int answer = 0;
+        if (listHas(videoList, videoCount, index)) {
+            if (!keySeen) {
+                if (!(packet->flags & AV_PKT_FLAG_KEY)) {
+                    av_packet_unref(packet.get());
+                    continue;
+                }
+                keySeen = true;
+            }
+            videoTimeBase = stream->time_base;
+            videoCodecId = stream->codecpar->codec_id;
+            if (!videoPtsBaseSet) {
+                videoPtsBase = packet->pts;
+                videoPtsBaseSet = true;
+            }
+            if (!videoDtsBaseSet) {
+                videoDtsBase = packet->dts;
+                videoDtsBaseSet = true;
+            }
+            double ticks = videoTicksPerSecond(videoTimeBase);
+            parsed.data = packet->data;
+            parsed.size = packet->size;
+            parsed.pts = toMilliseconds(packet->pts, videoPtsBase, ticks);
+            parsed.dts = toMilliseconds(packet->dts, videoDtsBase, ticks);
+            parsed.duration = packet->duration;
+            parsed.flags = static_cast<uint16_t>(packet->flags & 0xFFFF);
+            parsed.pos = packet->pos;
+            answer = sendNotify(kParsePacket, 2, &parsed);
+            av_packet_unref(packet.get());
+        } else if (listHas(audioList, audioCount, index)) {
+            if (index != firstAudio) {
+                av_packet_unref(packet.get());
+                continue;
+            }
+            audioTimeBase = stream->time_base;
+            audioCodecId = stream->codecpar->codec_id;
+            if (!audioPtsBaseSet) {
+                audioPtsBase = packet->pts;
+                audioPtsBaseSet = true;
+            }
+            int64_t pts = toMilliseconds(packet->pts, audioPtsBase, audioTicksPerSecond(audioTimeBase));
+            int32_t size = packet->size;
+            size_t needed = static_cast<size_t>(size) + kAdtsHeaderSize;
+            if (needed > scratchSize) {
+                std::unique_ptr<uint8_t[]> larger(new (std::nothrow) uint8_t[needed]);
+                if (!larger) {
+                    // No room for this frame: drop it rather than write past the end.
+                    av_packet_unref(packet.get());
+                    continue;
+                }
+                scratch = std::move(larger);
+                scratchSize = needed;
+            }
+            wrapAdts(packet->data, scratch.get(), &size, audioRate, audioChannels);
+            parsed.data = scratch.get();
+            parsed.size = size;
+            parsed.pts = pts;
+            parsed.dts = pts;
+            parsed.duration = packet->duration;
+            parsed.flags = static_cast<uint16_t>(packet->flags & 0xFFFF);
+            parsed.pos = packet->pos;
+            av_packet_unref(packet.get());
+            answer = sendNotify(kParsePacket, 1, &parsed);
+        } else {
+            // Subtitle packets, and any stream in no list: nothing leaves the parser.
+            av_packet_unref(packet.get());
+            continue;
+        }
+        if (answer == 1) pause();
+    }
+}
+
+void AVStreamParse::wrapAdts(const uint8_t* packet, uint8_t* destination, int32_t* size, int32_t rate,
+                             int32_t channels) {
+    int32_t payload = *size;
+    uint32_t length = static_cast<uint32_t>(payload) + kAdtsHeaderSize;
+    uint32_t channelBits = static_cast<uint32_t>(channels);
+    destination[0] = 0xFF;
+    destination[1] = 0xF1;
+    destination[2] = static_cast<uint8_t>((rateIndex(rate) << 2) | ((channelBits >> 2) & 1));
+    destination[3] = static_cast<uint8_t>(((channelBits & 3) << 6) | ((length >> 11) & 3));
+    destination[4] = static_cast<uint8_t>((length >> 3) & 0xFF);
+    destination[5] = static_cast<uint8_t>(((length & 7) << 5) | 0x1F);
+    destination[6] = static_cast<uint8_t>(0xFC | ((static_cast<uint32_t>(payload) / 1024) & 3));
+    if (payload > 0 && packet) std::memcpy(destination + kAdtsHeaderSize, packet, payload);
+    *size = payload + kAdtsHeaderSize;
+}
+
+void AVStreamParse::stop() {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        state = kParseStateStopping;
+    }
+    if (reader && reader->joinable()) {
+        condition.notify_all();
+        reader->join();
+    }
+    reader.reset();
+    closeInput();
+    // The path exists only between init and the first stop: that pairs each
+    // network setup of init with exactly one teardown.
+    if (path) {
+        path.reset();
+        avformat_network_deinit();
+    }
+}

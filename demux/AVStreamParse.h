@@ -1,0 +1,136 @@
+#pragma once
+// The layer that talks to FFmpeg's demuxing: opens one input, decides which
+// streams of it are accepted, keeps what the demuxer reports as properties,
+// and runs the reader thread that reports every packet.
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+// One packet as the reader reports it with kParsePacket. A local of the read
+// loop: `data` is valid only during the notification.
+struct ParsedPacket {
+    uint8_t* data;
+    int32_t size;
+    int64_t pos;       // AVPacket.pos
+    int64_t pts;       // ms, relative to the first delivered packet of the kind
+    int64_t dts;       // ms, relative in the same way
+    int64_t duration;  // AVPacket.duration, stream ticks
+    uint16_t flags;    // low 16 bits of AVPacket.flags
+};
+
+// Where the parser's notifications go. The result is read only for
+// kParsePacket: 1 asks the reader to pause.
+using ParseNotify = int (*)(int kind, int detail, void* data, void* user);
+
+// Notification kinds.
+constexpr int kParseOpened = 0;  // detail 0: every property can be read now
+constexpr int kParseEnded = 1;   // detail 1 then 2, at the end of the file
+constexpr int kParsePacket = 2;  // detail 2 video, 1 audio; data: ParsedPacket*
+constexpr int kParseError = 3;   // detail: an error detail of the demuxer
+
+// Parser states (3 and 4 are not used).
+constexpr int32_t kParseStateIdle = 0;
+constexpr int32_t kParseStateOpened = 1;
+constexpr int32_t kParseStateRunning = 2;
+constexpr int32_t kParseStateStopping = 5;
+
+// Capacity of every per-stream table; also the bound on stream indexes.
+constexpr int kParseTableSize = 10;
+// Bytes of the path copy, terminator included.
+constexpr size_t kParsePathSize = 2048;
+// Bytes of the ADTS header put in front of every audio packet.
+constexpr int32_t kAdtsHeaderSize = 7;
+
+// Fields are public: the demuxer reads them as properties and wakes the
+// reader through the mutex and condition.
+class AVStreamParse {
+public:
+    AVStreamParse();
+    ~AVStreamParse();
+    AVStreamParse(const AVStreamParse&) = delete;
+    AVStreamParse& operator=(const AVStreamParse&) = delete;
+
+    // 0 on success, 1 when `function` is null.
+    int init(ParseNotify function, void* user);
+    // 0 when the input is open, 1 on failure (`source` may be null).
+    int open(const char* source);
+    // 0 when the file was accepted and the reader runs, 1 on failure.
+    int scanStreams();
+    // Closes the decoders opened by the scan and the input.
+    void closeInput();
+    // Opens a decoder on the stream's own codec context; null when there is
+    // no decoder or it does not open.
+    const AVCodec* openDecoder(AVStream* stream);
+    // Body of the reader thread.
+    void readLoop();
+    // Ends the reader (waits for it), closes the input, releases the path.
+    void stop();
+
+    // Writes the 7-byte ADTS header for a packet of `*size` bytes followed by
+    // the packet's bytes into `destination`, which must hold `*size` + 7
+    // bytes; `*size` grows by 7.
+    static void wrapAdts(const uint8_t* packet, uint8_t* destination, int32_t* size, int32_t rate,
+                         int32_t channels);
+
+    std::unique_ptr<char[]> path;  // kParsePathSize bytes once init ran
+    AVFormatContext* formatContext = nullptr;
+    uint16_t audioCount = 0;
+    uint16_t videoCount = 0;
+    uint16_t subtitleCount = 0;
+    int32_t width = 0;
+    int32_t height = 0;
+    int16_t firstAudio = -1;
+    int16_t firstVideo = -1;
+    int16_t firstSubtitle = -1;
+    double frameRate = 0.0;
+    double duration = 0.0;  // ms
+    int32_t state = kParseStateIdle;  // guarded by mutex once the reader runs
+    uint16_t channels[kParseTableSize];
+    int32_t sampleRates[kParseTableSize];
+    int32_t audioList[kParseTableSize];
+    int32_t videoList[kParseTableSize];
+    int32_t subtitleList[kParseTableSize];
+    int32_t videoCodecId = 0;
+    int32_t audioCodecId = 0;
+    AVRational audioTimeBase{0, 0};
+    AVRational videoTimeBase{0, 0};
+    bool hasVideo = false;
+    bool hasAudio = false;
+    bool hasSubtitle = false;
+    std::unique_ptr<std::thread> reader;
+    std::mutex mutex;
+    std::condition_variable condition;
+    ParseNotify notify = nullptr;
+    std::unique_ptr<uint8_t[]> extraData;
+    int32_t extraDataSize = 0;
+    void* notifyData = nullptr;
+    std::unique_ptr<uint8_t[]> annexBExtraData;
+    int32_t annexBExtraDataSize = 0;
+    int32_t audioBitRate = 0;
+    int32_t audioRate = 0;  // time base denominator of the last accepted audio stream
+    int32_t audioChannels = 0;
+    int32_t videoBitRate = 0;
+
+    // FFmpeg 5.1 streams carry no codec context of their own: the contexts
+    // that openDecoder opens live here, one slot per stream index.
+    struct CodecContextFree {
+        void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+    };
+    std::vector<std::unique_ptr<AVCodecContext, CodecContextFree>> codecContexts;
+
+private:
+    void resetFields();
+    int scanVideo(AVStream* stream, int index);
+    int scanAudio(AVStream* stream, int index);
+    int sendNotify(int kind, int detail, void* data);
+    bool isStopping();
+    void pause();
+};

@@ -1,0 +1,174 @@
+#include "demux/DemuxerAVImpl.h"
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include "demux/AVStreamParse.h"
+
+namespace Morvel_Tessalo {
+
+DemuxerAVImpl::DemuxerAVImpl() = default;
+
+DemuxerAVImpl::~DemuxerAVImpl() {
+    parser.reset();  // runs the parser's stop if it is still due
+    path.reset();
+}
+
+int DemuxerAVImpl::start() {
+    // A second start gives up the first parser; the lifecycle never does it,
+    // but it must not leave a reader running on a parser nobody owns.
+    if (parser) parser->stop();
+    parser.reset();
+    try {
+        parser.reset(new (std::nothrow) AVStreamParse());
+    } catch (...) {
+        parser.reset();
+    }
+    if (!parser || parser->init(&DemuxerAVImpl::onParseNotify, this) != 0) {
+        notifyEvent(kDemuxerEventError, kDemuxerErrorGeneral, nullptr);
+        return 0;
+    }
+    if (parser->open(path.get()) != 0) {
+        notifyEvent(kDemuxerEventOpenFailed, 0, nullptr);
+        return 0;
+    }
+    return parser->scanStreams() == 0 ? 1 : 0;
+}
+
+void DemuxerAVImpl::stop() {
+    // Before any start there is nothing to end.
+    if (parser) parser->stop();
+}
+
+void DemuxerAVImpl::resume(int) {
+    if (!parser) return;
+    std::lock_guard<std::mutex> lock(parser->mutex);
+    // A resume racing a stop must not undo it: the reader would go on to the
+    // end of the file before stop could join it.
+    if (parser->state != kParseStateStopping) parser->state = kParseStateRunning;
+    parser->condition.notify_all();
+}
+
+void DemuxerAVImpl::setProperty(int id, const char* value) {
+    if (id != kDemuxerPropPath) return;
+    path.reset();
+    if (!value) return;
+    size_t length = std::strlen(value) + 1;
+    path.reset(new (std::nothrow) char[length]);
+    if (path) std::memcpy(path.get(), value, length);
+}
+
+void DemuxerAVImpl::getProperty(int id, void* storage) {
+    // Before start there are no values to give: nothing is written.
+    if (!parser || !storage) return;
+    const AVStreamParse& p = *parser;
+    auto putInt = [storage](int32_t value) { std::memcpy(storage, &value, sizeof value); };
+    switch (id) {
+    case kDemuxerPropDuration:
+        std::memcpy(storage, &p.duration, sizeof p.duration);
+        break;
+    case kDemuxerPropWidth:
+        putInt(p.width);
+        break;
+    case kDemuxerPropHeight:
+        putInt(p.height);
+        break;
+    case kDemuxerPropFrameRate: {
+        double rate = std::trunc(p.frameRate);
+        // A rate outside the int32 range (a broken r_frame_rate) saturates.
+        if (!(rate < static_cast<double>(std::numeric_limits<int32_t>::max())))
+            putInt(std::numeric_limits<int32_t>::max());
+        else if (rate < static_cast<double>(std::numeric_limits<int32_t>::min()))
+            putInt(std::numeric_limits<int32_t>::min());
+        else
+            putInt(static_cast<int32_t>(rate));
+        break;
+    }
+    case kDemuxerPropVideoBitRate:
+        putInt(p.videoBitRate);
+        break;
+    case kDemuxerPropHasVideo:
+        *static_cast<uint8_t*>(storage) = p.hasVideo ? 1 : 0;
+        break;
+    case kDemuxerPropVideoCodec:
+        if (p.videoCodecId == AV_CODEC_ID_H264) putInt(kDemuxerCodecH264);
+        break;
+    case kDemuxerPropHasAudio:
+        *static_cast<uint8_t*>(storage) = p.hasAudio ? 1 : 0;
+        break;
+    case kDemuxerPropAudioCodec:
+        if (p.audioCodecId == AV_CODEC_ID_AAC) putInt(kDemuxerCodecAac);
+        break;
+    case kDemuxerPropExtraData: {
+        uint8_t* bytes = p.extraData.get();
+        std::memcpy(storage, &bytes, sizeof bytes);
+        break;
+    }
+    case kDemuxerPropExtraDataSize:
+        putInt(p.extraDataSize);
+        break;
+    case kDemuxerPropAnnexBExtraData: {
+        uint8_t* bytes = p.annexBExtraData.get();
+        std::memcpy(storage, &bytes, sizeof bytes);
+        break;
+    }
+    case kDemuxerPropAnnexBExtraDataSize:
+        putInt(p.annexBExtraDataSize);
+        break;
+    case kDemuxerPropChannels: {
+        // Without an audio stream there is no table entry to read: the count
+        // is then 0 and the audio channel field (0 as well) stands in.
+        uint16_t count = p.firstAudio >= 0 ? p.channels[p.firstAudio] : 0;
+        if (count == 0) count = static_cast<uint16_t>(p.audioChannels & 0xFFFF);
+        std::memcpy(storage, &count, sizeof count);
+        break;
+    }
+    case kDemuxerPropSampleRate:
+        putInt(p.firstAudio >= 0 ? p.sampleRates[p.firstAudio] : -1);
+        break;
+    case kDemuxerPropAudioBitRate:
+        putInt(p.audioBitRate);
+        break;
+    default:
+        break;
+    }
+}
+
+int DemuxerAVImpl::onParseNotify(int kind, int detail, void* data, void* user) {
+    auto* self = static_cast<DemuxerAVImpl*>(user);
+    if (!self) return 0;
+    switch (kind) {
+    case kParseOpened:
+        self->notifyEvent(kDemuxerEventReady, 0, nullptr);
+        return 0;
+    case kParseEnded:
+        if (detail == kDemuxerMediaAudio || detail == kDemuxerMediaVideo)
+            self->notifyEvent(kDemuxerEventEnded, detail, nullptr);
+        return 0;
+    case kParsePacket: {
+        const auto* parsed = static_cast<const ParsedPacket*>(data);
+        if (!parsed) return 0;
+        DemuxerPacket& packet = self->currentPacket;
+        packet.data = parsed->data;
+        packet.size = parsed->size;
+        packet.pts = parsed->pts;
+        packet.dts = parsed->dts;
+        packet.duration = parsed->duration;
+        packet.pos = parsed->pos;
+        packet.key = parsed->flags != 0;
+        int kindOut = detail == 2 ? kDemuxerPacketVideo : kDemuxerPacketAudio;
+        // A callback answer of 0 is the order to pause.
+        return self->notifyPacket(kindOut, &packet) == 0 ? 1 : 0;
+    }
+    case kParseError:
+        self->notifyEvent(kDemuxerEventError, (detail >= 1 && detail <= 5) ? detail : kDemuxerErrorGeneral,
+                          nullptr);
+        return 0;
+    default:
+        return 0;
+    }
+}
+
+}  // namespace Morvel_Tessalo
