@@ -48,6 +48,7 @@ public:
     bool getPicByPts(const int64_t* pts, int32_t count);
 
     // Worker thread.
+    bool startWorker();
     void stopWorker();
     void workerMain();
     bool openDemuxer();

@@ -1,0 +1,311 @@
+#include "instance/TessaloImpl.h"
+
+#include <cstring>
+#include <new>
+#include <system_error>
+
+#include "base/Log.h"
+#include "decode/DecoderBase.h"
+#include "demux/DemuxerAVImpl.h"
+#include "edit/FileEditer.h"
+
+namespace Morvel_Tessalo {
+
+namespace {
+
+// Copies `size` bytes of a block that the demuxer owns into one of our own.
+// A missing source, a size of 0 or below, or no memory leave an empty copy
+// with size 0, so later users never see a size without bytes.
+void copyBlock(const uint8_t* source, int32_t* size, std::unique_ptr<uint8_t[]>* block) {
+    block->reset();
+    if (!source || *size <= 0) {
+        *size = 0;
+        return;
+    }
+    block->reset(new (std::nothrow) uint8_t[static_cast<size_t>(*size)]);
+    if (!*block) {
+        Log("TessaloImpl", "no memory for %d bytes of extra data", *size);
+        *size = 0;
+        return;
+    }
+    std::memcpy(block->get(), source, static_cast<size_t>(*size));
+}
+
+}  // namespace
+
+TessaloImpl::TessaloImpl(void* user, TessaloCallback callback) : userData(user), hostCallback(callback) {
+    // Without memory for the cut engine the instance still indexes and
+    // delivers pictures; the cut exports then answer as for a null handle.
+    editor = new (std::nothrow) FileEditer(&TessaloImpl::onEditerNotify, this);
+}
+
+TessaloImpl::~TessaloImpl() {
+    setState(kStateStopped);
+    stopWorker();
+    delete demuxer;
+    demuxer = nullptr;
+    delete decoder;
+    decoder = nullptr;
+    if (editor) {
+        editor->stopCut();
+        editor->releaseCut();
+    }
+    path.reset();
+    outputPicture.reset();
+    clearIndex();
+    extraData.reset();
+    annexBExtraData.reset();
+    askedPts.clear();
+    delete editor;
+    editor = nullptr;
+}
+
+void TessaloImpl::notifyHost(int32_t event) {
+    if (hostCallback) hostCallback(userData, event);
+}
+
+bool TessaloImpl::startPic(const char* newPath) {
+    stopWorker();
+    clearIndex();
+    path.reset();
+    if (!newPath) return false;
+    const size_t length = std::strlen(newPath) + 1;
+    path.reset(new (std::nothrow) char[length]);
+    if (!path) return false;
+    std::memcpy(path.get(), newPath, length);
+    fetchMode = false;
+    return startWorker();
+}
+
+bool TessaloImpl::getPicByPts(const int64_t* pts, int32_t count) {
+    stopWorker();
+    askedPts.clear();
+    if (!pts || count < 1) return false;
+    try {
+        askedPts.assign(pts, pts + count);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    runDelivered = 0;
+    keyDelivered = 0;
+    // locateStart sets it again; clearing it here keeps a request that is
+    // given up before locateStart from inheriting the former request's mark,
+    // so it still ends with kHostEventNoPic.
+    firstDelivered = false;
+    fetchMode = true;
+    return startWorker();
+}
+
+bool TessaloImpl::startWorker() {
+    // The state becomes running here, on the host's thread, before the
+    // worker exists, instead of inside the worker after the demuxer's start.
+    // An end of file (or a stop) that the reader reports while start is
+    // still returning is then never overwritten by a late write of running.
+    setState(kStateRunning);
+    try {
+        worker.reset(new std::thread(&TessaloImpl::workerMain, this));
+    } catch (const std::bad_alloc&) {
+        worker.reset();
+    } catch (const std::system_error&) {
+        worker.reset();
+    }
+    if (!worker) {
+        setState(kStateStopped);
+        return false;
+    }
+    return true;
+}
+
+void TessaloImpl::stopWorker() {
+    if (!worker) return;
+    if (worker->joinable()) {
+        setState(kStateStopped);
+        wakeWorker();
+        worker->join();
+    }
+    worker.reset();
+}
+
+void TessaloImpl::workerMain() {
+    bool fetched = true;
+    if (!fetchMode) {
+        if (!openDemuxer()) {
+            // A failed open leaves the state as it was before the request.
+            setState(kStateStopped);
+            return;
+        }
+        waitForIndex();
+    }
+    // The walk arrives here stopped; a fetch runs once and stops itself.
+    if (!isStopped() && fetchMode) {
+        notifyHost(kHostEventPicStart);
+        locateStart();
+        fetched = fetchPictures();
+        setState(kStateStopped);
+    }
+    if (demuxer) {
+        demuxer->stop();
+        delete demuxer;
+    }
+    if (decoder) {
+        decoder->close();
+        delete decoder;
+    }
+    demuxer = nullptr;
+    decoder = nullptr;
+
+    if (fetchMode) {
+        if (fetched) {
+            if (!firstDelivered) notifyHost(kHostEventNoPic);
+            notifyHost(kHostEventPicDone);
+        }
+        return;
+    }
+    if (keyGroups.empty()) return;
+    if (editor) editor->setFrameIndex(&keyGroups, &audioFrames, &videoTrackInfo, &audioTrackInfo);
+    videoTrackInfo = VideoTrackInfo{};
+    audioTrackInfo = AudioTrackInfo{};
+    notifyHost(kHostEventIndexReady);
+}
+
+bool TessaloImpl::openDemuxer() {
+    if (demuxer) {
+        demuxer->stop();
+        delete demuxer;
+        demuxer = nullptr;
+    }
+    demuxer = new (std::nothrow) DemuxerAVImpl();
+    if (!demuxer) {
+        notifyHost(kHostEventError);
+        return false;
+    }
+    demuxer->init(&TessaloImpl::onDemuxerPacket, &TessaloImpl::onDemuxerEvent, this);
+    demuxer->setProperty(kDemuxerPropPath, path.get());
+    return demuxer->start() != 0;
+}
+
+void TessaloImpl::readMediaInfo() {
+    if (!demuxer) return;
+    demuxer->getProperty(kDemuxerPropAudioBitRate, &mediaInfo.audioBitRate);
+    demuxer->getProperty(kDemuxerPropSampleRate, &mediaInfo.sampleRate);
+    demuxer->getProperty(kDemuxerPropChannels, &mediaInfo.channels);  // writes the low 16 bits
+
+    int32_t audioCodec = kDemuxerCodecAac;
+    demuxer->getProperty(kDemuxerPropAudioCodec, &audioCodec);
+    if (audioCodec == kDemuxerCodecAac) mediaInfo.audioCodec = kDemuxerCodecAac;
+
+    demuxer->getProperty(kDemuxerPropDuration, &mediaInfo.durationMs);
+    demuxer->getProperty(kDemuxerPropVideoBitRate, &mediaInfo.videoBitRate);
+    demuxer->getProperty(kDemuxerPropHeight, &mediaInfo.height);
+    demuxer->getProperty(kDemuxerPropWidth, &mediaInfo.width);
+    demuxer->getProperty(kDemuxerPropFrameRate, &mediaInfo.frameRate);
+
+    int32_t videoCodec = kDemuxerCodecH264;
+    demuxer->getProperty(kDemuxerPropVideoCodec, &videoCodec);
+    if (videoCodec == kDemuxerCodecH264) mediaInfo.videoCodec = kDemuxerCodecH264;
+
+    uint8_t* bytes = nullptr;
+    demuxer->getProperty(kDemuxerPropExtraDataSize, &extraDataSize);
+    demuxer->getProperty(kDemuxerPropExtraData, &bytes);
+    copyBlock(bytes, &extraDataSize, &extraData);
+
+    bytes = nullptr;
+    demuxer->getProperty(kDemuxerPropAnnexBExtraDataSize, &annexBExtraDataSize);
+    demuxer->getProperty(kDemuxerPropAnnexBExtraData, &bytes);
+    copyBlock(bytes, &annexBExtraDataSize, &annexBExtraData);
+
+    videoTrackInfo.width = mediaInfo.width;
+    videoTrackInfo.height = mediaInfo.height;
+    videoTrackInfo.frameRate = mediaInfo.frameRate;
+    videoTrackInfo.codecType = 1;
+    videoTrackInfo.extraData = annexBExtraData.get();
+    videoTrackInfo.extraDataSize = annexBExtraDataSize;
+
+    audioTrackInfo.sampleRate = mediaInfo.sampleRate;
+    audioTrackInfo.channels = mediaInfo.channels;
+    audioTrackInfo.sampleBits = 16;
+    audioTrackInfo.codecType = 1;
+    audioTrackInfo.extraData = nullptr;
+    audioTrackInfo.extraDataSize = 0;
+}
+
+void TessaloImpl::setState(int32_t value) {
+    std::lock_guard<std::mutex> lock(stateMutex);
+    state = value;
+}
+
+bool TessaloImpl::isStopped() {
+    std::lock_guard<std::mutex> lock(stateMutex);
+    return state == kStateStopped;
+}
+
+void TessaloImpl::waitForIndex() {
+    // The state is tested under wakeMutex before each sleep, and every
+    // writer of kStateStopped signals afterwards under that mutex, so an end
+    // reported before the wait begins still ends it.
+    std::unique_lock<std::mutex> lock(wakeMutex);
+    wakeCondition.wait(lock, [this] { return isStopped(); });
+}
+
+void TessaloImpl::wakeWorker() {
+    std::lock_guard<std::mutex> lock(wakeMutex);
+    wakeCondition.notify_all();
+}
+
+int TessaloImpl::onDemuxerPacket(int kind, DemuxerPacket* packet, void* user) {
+    auto* self = static_cast<TessaloImpl*>(user);
+    if (!self || !packet) return 1;
+    if (kind == kDemuxerPacketVideo) {
+        self->addVideoFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
+    } else if (kind == kDemuxerPacketAudio) {
+        self->addAudioFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
+    }
+    return 1;
+}
+
+void TessaloImpl::onDemuxerEvent(int kind, int detail, void*, void* user) {
+    auto* self = static_cast<TessaloImpl*>(user);
+    if (!self) return;
+    switch (kind) {
+    case kDemuxerEventError:
+        switch (detail) {
+        case kDemuxerErrorUnassigned: self->notifyHost(kHostEventUnassigned); break;
+        case kDemuxerErrorNoVideo: self->notifyHost(kHostEventNoVideo); break;
+        case kDemuxerErrorCodec: self->notifyHost(kHostEventBadCodec); break;
+        case kDemuxerErrorSampleRate: self->notifyHost(kHostEventBadSampleRate); break;
+        case kDemuxerErrorChannels: self->notifyHost(kHostEventBadChannels); break;
+        default: self->notifyHost(kHostEventError); break;
+        }
+        break;
+    case kDemuxerEventOpenFailed:
+        self->notifyHost(kHostEventFileError);
+        break;
+    case kDemuxerEventReady:
+        if (!self->fetchMode) {
+            self->readMediaInfo();
+            self->notifyHost(kHostEventMediaInfo);
+        }
+        break;
+    case kDemuxerEventEnded:
+        if (detail == kDemuxerMediaVideo && !self->fetchMode) {
+            self->sortIndex();
+            self->setState(kStateStopped);
+            self->wakeWorker();
+        }
+        break;
+    default:
+        break;
+    }
+}
+
+void TessaloImpl::onEditerNotify(void* context, int32_t code) {
+    auto* self = static_cast<TessaloImpl*>(context);
+    if (!self) return;
+    if (code == kNotifyFailed) {
+        self->notifyHost(kHostEventCutFailed);
+    } else if (code == kNotifyDone) {
+        self->notifyHost(kHostEventCutDone);
+    }
+}
+
+}  // namespace Morvel_Tessalo

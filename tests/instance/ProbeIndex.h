@@ -1,0 +1,162 @@
+#pragma once
+// Ground truth for the frame index, computed from `ffprobe -show_packets -of
+// json` alone: the same packets in the same order as FFmpeg's reader gives
+// them, turned into index records by the rules the walk follows (video before
+// the first key packet dropped, separate pts and dts bases, truncating
+// millisecond conversion, audio of the first audio stream 7 bytes larger).
+// Shared by the instance and api tests; header-only.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/TestSupport.h"
+
+namespace tsltest {
+
+struct ProbeRecord {
+    bool isKey = false;
+    int32_t size = 0;
+    int64_t pts = 0;
+    int64_t dts = 0;
+    int64_t position = 0;
+};
+
+struct ProbeIndex {
+    std::vector<std::vector<ProbeRecord>> keyGroups;  // stream order
+    std::vector<ProbeRecord> audioFrames;
+    bool ok = false;
+
+    // Each group sorted by pts: what the host sees.
+    std::vector<std::vector<int64_t>> sortedGroupPts() const {
+        std::vector<std::vector<int64_t>> out;
+        for (const auto& group : keyGroups) {
+            std::vector<int64_t> pts;
+            for (const auto& r : group) pts.push_back(r.pts);
+            std::sort(pts.begin(), pts.end());
+            out.push_back(pts);
+        }
+        return out;
+    }
+    std::vector<int64_t> keyPts() const {
+        std::vector<int64_t> out;
+        for (const auto& pts : sortedGroupPts()) out.push_back(pts.front());
+        return out;
+    }
+};
+
+// Objects of a pretty-printed ffprobe JSON array, one map of scalar fields
+// per element of the named array; nested objects (side data) are skipped.
+inline std::vector<std::map<std::string, std::string>> probeObjects(const std::string& json, const std::string& array) {
+    std::vector<std::map<std::string, std::string>> out;
+    const size_t start = json.find("\"" + array + "\"");
+    if (start == std::string::npos) return out;
+    int depth = 0;  // relative to the array's elements
+    size_t i = json.find('[', start);
+    if (i == std::string::npos) return out;
+    size_t lineStart = i + 1;
+    while (lineStart < json.size()) {
+        size_t lineEnd = json.find('\n', lineStart);
+        if (lineEnd == std::string::npos) lineEnd = json.size();
+        std::string line = json.substr(lineStart, lineEnd - lineStart);
+        lineStart = lineEnd + 1;
+        const size_t first = line.find_first_not_of(" \t");
+        if (first == std::string::npos) continue;
+        line = line.substr(first);
+        if (line[0] == ']' && depth == 0) break;
+        if (line[0] == '{') {
+            if (++depth == 1) out.emplace_back();
+            continue;
+        }
+        if (line[0] == '}') {
+            --depth;
+            continue;
+        }
+        if (depth != 1 || line[0] != '"') continue;
+        const size_t keyEnd = line.find('"', 1);
+        const size_t colon = line.find(':', keyEnd);
+        if (keyEnd == std::string::npos || colon == std::string::npos) continue;
+        std::string value = line.substr(colon + 1);
+        while (!value.empty() && (value.back() == ',' || value.back() == ' ' || value.back() == '\r')) value.pop_back();
+        const size_t v = value.find_first_not_of(' ');
+        value = v == std::string::npos ? "" : value.substr(v);
+        if (value.size() >= 2 && value.front() == '"') value = value.substr(1, value.size() - 2);
+        if (value == "[") continue;  // an array of objects (side data) follows; its braces are tracked above
+        out.back()[line.substr(1, keyEnd - 1)] = value;
+    }
+    return out;
+}
+
+inline ProbeIndex probeIndex(const std::string& file) {
+    ProbeIndex index;
+    int status = 0;
+    const std::string streamsJson = run("ffprobe -v error -show_entries stream=index,codec_type,time_base -of json " +
+                                        shellQuote(file), &status);
+    if (status != 0) return index;
+    const std::string packetsJson = run("ffprobe -v error -show_entries "
+                                        "packet=codec_type,stream_index,pts,dts,size,pos,flags -of json " +
+                                        shellQuote(file), &status);
+    if (status != 0) return index;
+
+    std::map<int, std::pair<int64_t, int64_t>> timeBase;  // stream -> (num, den)
+    std::map<int, std::string> kind;
+    int firstAudio = -1;
+    for (auto& s : probeObjects(streamsJson, "streams")) {
+        const int id = std::stoi(s["index"]);
+        kind[id] = s["codec_type"];
+        const std::string tb = s["time_base"];
+        const size_t slash = tb.find('/');
+        timeBase[id] = {std::stoll(tb.substr(0, slash)), std::stoll(tb.substr(slash + 1))};
+        if (firstAudio < 0 && kind[id] == "audio") firstAudio = id;
+    }
+    auto toMs = [&](int64_t value, int64_t base, int stream, bool audio) -> int64_t {
+        const auto [num, den] = timeBase[stream];
+        double ticks = 0.0;
+        if (num > 0 && den != 0) ticks = audio ? static_cast<double>(den / num) : static_cast<double>(den) / num;
+        return static_cast<int64_t>(std::trunc(static_cast<double>(value - base) * 1000.0 / ticks));
+    };
+
+    bool keySeen = false;
+    bool videoBases = false, audioBase = false;
+    int64_t videoPtsBase = 0, videoDtsBase = 0, audioPtsBase = 0;
+    for (auto& p : probeObjects(packetsJson, "packets")) {
+        const int stream = std::stoi(p["stream_index"]);
+        const int64_t dts = p.count("dts") ? std::stoll(p["dts"]) : 0;
+        const int64_t pts = p.count("pts") ? std::stoll(p["pts"]) : dts;
+        const std::string flags = p["flags"];
+        const bool anyFlag = flags.find_first_not_of('_') != std::string::npos;
+        ProbeRecord r;
+        r.size = std::stoi(p["size"]);
+        r.position = p.count("pos") ? std::stoll(p["pos"]) : -1;
+        r.isKey = anyFlag;
+        if (kind[stream] == "video") {
+            if (!keySeen) {
+                if (flags.empty() || flags[0] != 'K') continue;
+                keySeen = true;
+            }
+            if (!videoBases) {
+                videoBases = true;
+                videoPtsBase = pts;
+                videoDtsBase = dts;
+            }
+            r.pts = toMs(pts, videoPtsBase, stream, false);
+            r.dts = toMs(dts, videoDtsBase, stream, false);
+            if (r.isKey) index.keyGroups.emplace_back();
+            index.keyGroups.back().push_back(r);
+        } else if (stream == firstAudio) {
+            if (!audioBase) {
+                audioBase = true;
+                audioPtsBase = pts;
+            }
+            r.pts = r.dts = toMs(pts, audioPtsBase, stream, true);
+            r.size += 7;
+            index.audioFrames.push_back(r);
+        }
+    }
+    index.ok = true;
+    return index;
+}
+
+}  // namespace tsltest
