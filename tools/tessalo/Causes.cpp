@@ -1,0 +1,127 @@
+#include "Causes.h"
+
+#include <string>
+#include <vector>
+
+#include "Host.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/log.h>
+}
+
+namespace tslcli {
+namespace {
+
+struct Track {
+    AVMediaType type;
+    AVCodecID codec;
+    bool cover;  // an attached picture, not a video track
+    int sampleRate;
+    int channels;
+};
+
+struct Facts {
+    bool opened = false;
+    std::string openError;
+    std::vector<Track> tracks;
+    bool videoPackets = false;  // an H.264 track has at least one packet
+};
+
+Facts probe(const std::string& path, bool countPackets) {
+    Facts facts;
+    AVFormatContext* format = nullptr;
+    const int rc = avformat_open_input(&format, path.c_str(), nullptr, nullptr);
+    if (rc < 0) {
+        char text[AV_ERROR_MAX_STRING_SIZE] = "";
+        av_strerror(rc, text, sizeof text);
+        facts.openError = text;
+        return facts;
+    }
+    facts.opened = true;
+    avformat_find_stream_info(format, nullptr);
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+        const AVStream* s = format->streams[i];
+        facts.tracks.push_back({s->codecpar->codec_type, s->codecpar->codec_id,
+                                (s->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0, s->codecpar->sample_rate,
+                                s->codecpar->ch_layout.nb_channels});
+    }
+    if (countPackets) {
+        AVPacket* packet = av_packet_alloc();
+        while (packet && !facts.videoPackets && av_read_frame(format, packet) >= 0) {
+            const Track& t = facts.tracks[static_cast<size_t>(packet->stream_index)];
+            facts.videoPackets = t.type == AVMEDIA_TYPE_VIDEO && t.codec == AV_CODEC_ID_H264 && !t.cover;
+            av_packet_unref(packet);
+        }
+        av_packet_free(&packet);
+    }
+    avformat_close_input(&format);
+    return facts;
+}
+
+std::string codecName(AVCodecID id) {
+    const char* name = avcodec_get_name(id);
+    return name ? name : "unknown";
+}
+
+const Track* firstVideo(const Facts& f, bool h264) {
+    for (const Track& t : f.tracks)
+        if (t.type == AVMEDIA_TYPE_VIDEO && !t.cover && (t.codec == AV_CODEC_ID_H264) == h264) return &t;
+    return nullptr;
+}
+
+std::string badVideo(const Facts& f) {
+    if (const Track* t = firstVideo(f, false)) return "video codec " + codecName(t->codec) + " is not supported: H.264 only";
+    return "";
+}
+
+}  // namespace
+
+void quietFfmpeg() { av_log_set_level(AV_LOG_QUIET); }
+
+std::string refusalCause(int32_t event, const std::string& path) {
+    const Facts f = probe(path, event == kSilent);
+    if (event == kHostEventFileError || !f.opened)
+        return "cannot open " + path + (f.opened ? "" : ": " + f.openError);
+
+    switch (event) {
+        case kHostEventBadCodec:
+        case kHostEventNoVideo: {
+            if (!firstVideo(f, true)) {
+                const std::string video = badVideo(f);
+                if (!video.empty()) return video;
+                return "no H.264 video stream in " + path;
+            }
+            for (const Track& t : f.tracks)
+                if (t.type == AVMEDIA_TYPE_AUDIO && t.codec != AV_CODEC_ID_AAC)
+                    return "audio codec " + codecName(t.codec) + " is not supported: AAC only";
+            const std::string video = badVideo(f);
+            if (!video.empty()) return video;
+            return event == kHostEventNoVideo ? "no usable H.264 video stream in " + path
+                                              : "a stream of " + path + " has a codec that is not supported: H.264 video and AAC audio only";
+        }
+        case kHostEventBadSampleRate:
+            for (const Track& t : f.tracks)
+                if (t.type == AVMEDIA_TYPE_AUDIO && t.sampleRate != 44100 && t.sampleRate != 48000)
+                    return "audio sample rate " + std::to_string(t.sampleRate) + " Hz is not supported: 44100 or 48000 only";
+            return "the audio sample rate of " + path + " is not supported: 44100 or 48000 Hz only";
+        case kHostEventBadChannels:
+            for (const Track& t : f.tracks)
+                if (t.type == AVMEDIA_TYPE_AUDIO && (t.channels < 1 || t.channels > 3))
+                    return std::to_string(t.channels) + " audio channel" + (t.channels == 1 ? " is" : "s are") +
+                           " not supported: 1 to 3 only";
+            return "the audio channel count of " + path + " is not supported: 1 to 3 only";
+        case kHostEventError:
+            return "the library could not read " + path + " (set-up failure or repeated read errors)";
+        case kHostEventUnassigned:
+            return "the library reported an unexplained demuxer error for " + path;
+        case kSilent:
+            if (!f.videoPackets) return path + " holds no H.264 video packets";
+            return "the library gave no answer while indexing " + path;
+        default:
+            return "the library refused " + path + " (event " + std::to_string(event) + ", " + eventName(event) + ")";
+    }
+}
+
+}  // namespace tslcli

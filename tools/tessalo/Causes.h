@@ -1,0 +1,17 @@
+#pragma once
+// Turning the library's refusal events into sentences. The event says which
+// rule the file broke; libavformat is asked what the file actually holds, so
+// the sentence can name the codec, rate or channel count.
+#include <cstdint>
+#include <string>
+
+namespace tslcli {
+
+// A sentence for the failure event `event` of an index walk on `path`;
+// kSilent (the walk ended without any event) included.
+std::string refusalCause(int32_t event, const std::string& path);
+
+// Quiets FFmpeg's own log for the program's direct uses of it.
+void quietFfmpeg();
+
+}  // namespace tslcli

@@ -1,0 +1,115 @@
+// tessalo: a command-line host of the Tessalo library.
+// Exit status: 0 done, 1 file refused or job failed, 2 usage error.
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+
+#include "Causes.h"
+#include "Commands.h"
+#include "Times.h"
+
+using namespace tslcli;
+
+namespace {
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+int64_t timeArg(const std::string& text) { return parseTime(text); }
+
+std::vector<TimeSpan> spans(const std::vector<std::string>& texts, const char* what) {
+    std::vector<TimeSpan> out;
+    for (const std::string& t : texts) out.push_back(parseSpan(t, what));
+    return out;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"tessalo: index MP4 files (H.264 + AAC), take pictures by timestamp, cut time ranges.\n"
+                 "Times are milliseconds (1500) or hh:mm:ss.mmm (00:00:01.500, also mm:ss.mmm).\n"
+                 "Exit status: 0 done, 1 file refused or job failed, 2 usage error.",
+                 "tessalo"};
+    app.require_subcommand(1);
+    app.fallthrough();
+    double timeoutSeconds = 20;
+    app.add_option("--timeout", timeoutSeconds,
+                   "Seconds the library may show no sign of work before the program gives up")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+
+    Settings settings;
+    std::string file, keyText, output;
+    ThumbOptions thumbs;
+    std::string framesDir = "frames";
+    std::vector<std::string> rangeTexts, offsetTexts;
+    std::string demoDir = "tessalo-demo";
+
+    auto* info = app.add_subcommand("info", "Media information and an index summary");
+    info->add_option("FILE", file, "Media file")->required();
+    info->add_flag("--json", settings.json, "Print JSON");
+
+    auto* keys = app.add_subcommand("keys", "Every key timestamp with the size of its group");
+    keys->add_option("FILE", file, "Media file")->required();
+    keys->add_flag("--json", settings.json, "Print JSON");
+
+    auto* group = app.add_subcommand("group", "Every timestamp of the group at one key timestamp");
+    group->add_option("FILE", file, "Media file")->required();
+    group->add_option("KEY_MS", keyText, "Key timestamp of the group")->required();
+    group->add_flag("--json", settings.json, "Print JSON");
+
+    auto* thumbsCmd = app.add_subcommand("thumbs", "Every key picture as PNG, and a contact sheet");
+    thumbsCmd->add_option("FILE", file, "Media file")->required();
+    thumbsCmd->add_option("-o,--output", thumbs.dir, "Folder for the pictures")->capture_default_str();
+    thumbsCmd->add_option("--sheet", thumbs.sheet, "Contact sheet path (default: DIR/sheet.png)");
+    thumbsCmd->add_option("--columns", thumbs.columns, "Pictures across the sheet")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    thumbsCmd->add_option("--thumb-width", thumbs.thumbWidth, "Width of a picture on the sheet")
+        ->check(CLI::Range(16, 4096))
+        ->capture_default_str();
+
+    auto* frames = app.add_subcommand("frames", "Every picture of one group as PNG");
+    frames->add_option("FILE", file, "Media file")->required();
+    frames->add_option("KEY_MS", keyText, "Key timestamp of the group")->required();
+    frames->add_option("-o,--output", framesDir, "Folder for the pictures")->capture_default_str();
+
+    auto* cut = app.add_subcommand("cut", "Cut time ranges into a new MP4 without re-encoding");
+    cut->add_option("FILE", file, "Media file")->required();
+    cut->add_option("-o,--output", output, "Output file (.mp4 or .mov)")->required();
+    cut->add_option("-r,--range", rangeTexts, "Range START-END to keep, end inclusive; repeat for more")
+        ->required()
+        ->take_all();
+    cut->add_option("--offset", offsetTexts, "Pair of source times A-B to translate to the output's timeline");
+    cut->add_flag("--json", settings.json, "Print JSON");
+
+    auto* demo = app.add_subcommand("demo", "Make a sample clip, then run info, thumbs and a cut on it");
+    demo->add_option("-o,--output", demoDir, "Folder for what the demo makes")->capture_default_str();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int rc = app.exit(e);
+        return rc == 0 ? 0 : kExitUsage;
+    }
+
+    quietFfmpeg();
+    settings.idle = std::chrono::milliseconds(static_cast<int64_t>(timeoutSeconds * 1000));
+    try {
+        if (*info) return runInfo(settings, file, std::cout);
+        if (*keys) return runKeys(settings, file, std::cout);
+        if (*group) return runGroup(settings, file, timeArg(keyText), std::cout);
+        if (*thumbsCmd) return runThumbs(settings, file, thumbs, std::cout);
+        if (*frames) return runFrames(settings, file, timeArg(keyText), framesDir, std::cout);
+        if (*cut) return runCut(settings, file, output, spans(rangeTexts, "range"), spans(offsetTexts, "offset"), std::cout);
+        if (*demo) return runDemo(settings, demoDir, std::cout);
+    } catch (const UsageError& e) {
+        std::cerr << "tessalo: " << e.what() << "\nRun with --help for more information.\n";
+        return kExitUsage;
+    } catch (const std::exception& e) {
+        std::cout.flush();
+        std::cerr << "tessalo: " << e.what() << "\n";
+        return kExitFailure;
+    }
+    return kExitUsage;
+}
