@@ -1,0 +1,318 @@
+#include "mux/MPEG4FileMuxer.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "base/Log.h"
+#include "base/Results.h"
+#include "mux/MPEG4MuxerThread.h"
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/mem.h>
+}
+
+void MPEG4FileMuxer::FormatContextDeleter::operator()(AVFormatContext* context) const {
+    // The writing thread closes the file after the trailer; this catches the
+    // paths where no thread ran (failed header or thread start).
+    if (context->pb && context->oformat && !(context->oformat->flags & AVFMT_NOFILE))
+        avio_closep(&context->pb);
+    avformat_free_context(context);
+}
+
+void MPEG4FileMuxer::CodecContextDeleter::operator()(AVCodecContext* context) const {
+    avcodec_free_context(&context);
+}
+
+void MPEG4FileMuxer::BsfDeleter::operator()(AVBSFContext* context) const { av_bsf_free(&context); }
+
+namespace {
+
+bool nameIsOneOf(const char* name, const char* const* names, size_t count) {
+    for (size_t i = 0; i < count; ++i)
+        if (std::strcmp(name, names[i]) == 0) return true;
+    return false;
+}
+
+bool nameContainsOneOf(const char* name, const char* const* names, size_t count) {
+    for (size_t i = 0; i < count; ++i)
+        if (std::strstr(name, names[i])) return true;
+    return false;
+}
+
+}  // namespace
+
+MPEG4FileMuxer::MPEG4FileMuxer()
+    : videoQueue(1, kVideoRingCapacity), audioQueue(0, kAudioRingCapacity) {
+    lastVideoDts = kTimestampUnset;
+    lastAudioDts = kTimestampUnset;
+    hasAudio = false;
+    hasVideo = false;
+    state = 1;
+    installFFmpegLogSink();
+    avformat_network_init();
+    pthread_mutex_init(&audioMutex, nullptr);
+    pthread_mutex_init(&videoMutex, nullptr);
+    pthread_cond_init(&audioRoom, nullptr);
+    pthread_cond_init(&videoRoom, nullptr);
+    // A failed allocation leaves a ring that refuses every sample (-12 from push).
+    audioQueue.allocBuffers(kAudioElementSize);
+    videoQueue.allocBuffers(kVideoElementSize);
+}
+
+MPEG4FileMuxer::~MPEG4FileMuxer() {
+    // Deleted without stop after a successful start: end the thread the same
+    // way stop would, so that nothing runs on freed fields.
+    if (muxerThread) {
+        muxerThread->stopAndJoin();
+        delete muxerThread;
+        muxerThread = nullptr;
+    }
+    aacFilter.reset();
+    audioCodecContext.reset();
+    videoCodecContext.reset();
+    formatContext.reset();
+    avformat_network_deinit();
+    pthread_cond_destroy(&audioRoom);
+    pthread_cond_destroy(&videoRoom);
+    pthread_mutex_destroy(&audioMutex);
+    pthread_mutex_destroy(&videoMutex);
+}
+
+void MPEG4FileMuxer::setNotify(FileMuxerNotify* n) { notify = n; }
+
+int32_t MPEG4FileMuxer::setOutputFile(const char* path) {
+    // Only before start, and only once: a second context would orphan the
+    // streams of the first, and during a run the thread is using it.
+    if (state != 1 || formatContext) return kErrInvalidState;
+    if (!path) return kErrInvalidArgument;
+    outputPath = path;
+
+    AVFormatContext* context = nullptr;
+    avformat_alloc_output_context2(&context, nullptr, nullptr, path);
+    if (!context) {
+        printf("Could not deduce output format from file extension.\n");
+        static const char* const kFallbacks[] = {"mp4", "flv", "mov", "3gp"};
+        const size_t length = std::strlen(path);
+        const char* match = nullptr;
+        if (length >= 3) {
+            for (const char* name : kFallbacks)
+                if (std::memcmp(path + length - 3, name, 3) == 0) {
+                    match = name;
+                    break;
+                }
+        }
+        if (!match) {
+            printf("unsupported file format!");
+            return kErrUnsupported;
+        }
+        avformat_alloc_output_context2(&context, nullptr, match, path);
+    }
+    if (!context) {
+        printf("avformat_alloc_output_context2 return failed!\n");
+        return kErrNoContext;
+    }
+    formatContext.reset(context);
+    outputFormat = context->oformat;
+
+    if (!(outputFormat->flags & AVFMT_NOFILE)) {
+        if (avio_open(&context->pb, path, AVIO_FLAG_WRITE) < 0) {
+            printf("Could not open '%s'\n", path);
+            return kErrFileIo;
+        }
+    }
+    // The format record is const and shared by the process in this FFmpeg:
+    // its default codecs are left alone; each track names its own codec.
+    return kOk;
+}
+
+int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
+    if (!info) return kErrInvalidArgument;
+    if (info->codecType != 1) return kErrNotFound;
+    // Tracks go into an output context, so without one (or a second time)
+    // there is no stream to make.
+    if (!formatContext || videoStream || state != 1) return kErrInvalidArgument;
+
+    videoEncoder = avcodec_find_encoder(AV_CODEC_ID_H264);
+    if (!videoEncoder) return kErrInvalidArgument;
+    AVStream* stream = avformat_new_stream(formatContext.get(), videoEncoder);
+    if (!stream) return kErrInvalidArgument;
+    videoStream = stream;
+    stream->id = static_cast<int>(formatContext->nb_streams) - 1;
+
+    std::unique_ptr<AVCodecContext, CodecContextDeleter> context(avcodec_alloc_context3(videoEncoder));
+    if (!context) return kErrGeneric;
+    context->codec_type = AVMEDIA_TYPE_VIDEO;
+    context->codec_id = AV_CODEC_ID_H264;
+
+    // A frame rate that yields no valid time base cannot open an encoder:
+    // refuse it as the failed open would, without computing an overflow.
+    const int64_t rate = static_cast<int64_t>(info->frameRate) * 1000;
+    if (rate <= 0 || rate > INT32_MAX) return kErrGeneric;
+    const AVRational timeBase{1000, static_cast<int>(rate)};
+    stream->time_base = timeBase;
+    context->time_base = timeBase;
+    stream->r_frame_rate = AVRational{static_cast<int>(rate), 1000};
+    stream->start_time = 0;
+
+    context->pix_fmt = AV_PIX_FMT_YUV420P;
+    // libx264 refuses odd sizes. Nothing is ever encoded, so the encoder opens
+    // with the size rounded up to even; the stream keeps the true size.
+    context->width = info->width + (info->width & 1);
+    context->height = info->height + (info->height & 1);
+    // One thread is enough for an encoder that encodes nothing.
+    context->thread_count = 1;
+    if (info->extraData && info->extraDataSize > 0) {
+        const size_t size = static_cast<size_t>(info->extraDataSize);
+        auto* copy = static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
+        if (!copy) return kErrGeneric;
+        std::memcpy(copy, info->extraData, size);
+        context->extradata = copy;
+        context->extradata_size = info->extraDataSize;
+    }
+
+    if (avcodec_open2(context.get(), videoEncoder, nullptr) < 0) return kErrGeneric;
+    if (avcodec_parameters_from_context(stream->codecpar, context.get()) < 0) return kErrGeneric;
+    stream->codecpar->width = info->width;
+    stream->codecpar->height = info->height;
+    videoCodecContext = std::move(context);
+    hasVideo = true;
+    return kOk;
+}
+
+int32_t MPEG4FileMuxer::addAudioTrack(const AudioTrackInfo* info) {
+    if (!info) return kErrInvalidArgument;
+    if (info->codecType != 1) return kErrNotFound;
+    if (!formatContext || audioStream || state != 1) return kErrInvalidArgument;
+
+    audioEncoder = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    if (!audioEncoder) return kErrInvalidArgument;
+    AVStream* stream = avformat_new_stream(formatContext.get(), audioEncoder);
+    if (!stream) return kErrInvalidArgument;
+    audioStream = stream;
+    stream->id = static_cast<int>(formatContext->nb_streams) - 1;
+
+    std::unique_ptr<AVCodecContext, CodecContextDeleter> context(avcodec_alloc_context3(audioEncoder));
+    if (!context) return kErrGeneric;
+    context->codec_id = AV_CODEC_ID_AAC;
+    context->codec_type = AVMEDIA_TYPE_AUDIO;
+    const AVRational timeBase{1, info->sampleRate};
+    stream->time_base = timeBase;
+    stream->start_time = 0;
+    context->time_base = timeBase;
+
+    context->sample_rate = info->sampleRate;
+    if (info->channels > 0) av_channel_layout_default(&context->ch_layout, info->channels);
+    context->frame_size = 0x1000;
+    switch (info->sampleBits) {
+        case 8:
+        case 16:
+        case 32:
+            break;
+        default:
+            return kErrInvalidArgument;
+    }
+    // The AAC encoder takes planar float only. It never encodes anything here,
+    // so the declared sample width is validated above and not passed on.
+    context->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    context->block_align = 0;
+
+    static const char* const kGlobalHeaderFormats[] = {"mp4", "mov", "3gp", "flv"};
+    if (nameIsOneOf(outputFormat->name, kGlobalHeaderFormats, 4))
+        context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+
+    if (avcodec_open2(context.get(), audioEncoder, nullptr) < 0) return kErrGeneric;
+    if (avcodec_parameters_from_context(stream->codecpar, context.get()) < 0) return kErrGeneric;
+    audioCodecContext = std::move(context);
+    hasAudio = true;
+    return kOk;
+}
+
+int32_t MPEG4FileMuxer::start() {
+    if (FileMuxer::start() != kOk) return kErrInvalidState;
+    // After a stop the context is gone while hasAudio/hasVideo stay: a muxer
+    // is not reused, and a start then must not reach a freed context.
+    if ((!hasAudio && !hasVideo) || !formatContext) {
+        FileMuxer::stop();
+        return kErrInvalidState;
+    }
+    av_dump_format(formatContext.get(), 0, outputPath, 1);
+    // Positive results mean success in this FFmpeg (how the streams were initialised).
+    if (avformat_write_header(formatContext.get(), nullptr) < 0) return kErrFileIo;
+
+    static const char* const kFilterFormats[] = {"flv", "mp4", "mov", "3gp"};
+    if (nameContainsOneOf(outputFormat->name, kFilterFormats, 4) && hasAudio &&
+        audioStream->codecpar->codec_id == AV_CODEC_ID_AAC) {
+        // Without the filter samples go to the file unfiltered, as with a
+        // filter that could not be made.
+        const AVBitStreamFilter* filter = av_bsf_get_by_name("aac_adtstoasc");
+        AVBSFContext* context = nullptr;
+        if (filter && av_bsf_alloc(filter, &context) >= 0) {
+            std::unique_ptr<AVBSFContext, BsfDeleter> holder(context);
+            if (avcodec_parameters_copy(context->par_in, audioStream->codecpar) >= 0) {
+                context->time_base_in = audioStream->time_base;
+                if (av_bsf_init(context) >= 0) aacFilter = std::move(holder);
+            }
+        }
+    }
+
+    auto* thread = new (std::nothrow) MPEG4MuxerThread(this);
+    if (!thread) return kErrGeneric;
+    if (!thread->startThread()) {
+        delete thread;
+        return kErrGeneric;
+    }
+    muxerThread = thread;
+    return kOk;
+}
+
+int32_t MPEG4FileMuxer::WriteSampleData(const uint8_t* data, int32_t size, int32_t track,
+                                        int64_t pts, int64_t dts, uint32_t flags) {
+    if (FileMuxer::WriteSampleData(data, size, track, pts, dts, flags) != kOk)
+        return kErrInvalidState;
+    if (track != kTrackAudio && track != kTrackVideo) return kErrInvalidState;
+    // After a start that failed no thread drains the rings: a caller must not
+    // wait for room that never comes.
+    if (!muxerThread) return kErrInvalidState;
+
+    // push only reads the bytes.
+    BaseBuffer buffer(const_cast<uint8_t*>(data), size, pts, flags, dts);
+    const bool audio = track == kTrackAudio;
+    int64_t& lastDts = audio ? lastAudioDts : lastVideoDts;
+    if (dts < lastDts && lastDts > 0) return kErrInvalidArgument;
+    lastDts = dts;
+
+    pthread_mutex_t* mutex = audio ? &audioMutex : &videoMutex;
+    pthread_cond_t* room = audio ? &audioRoom : &videoRoom;
+    BaseBufferQueue& queue = audio ? audioQueue : videoQueue;
+    pthread_mutex_lock(mutex);
+    while (queue.count == queue.capacity) pthread_cond_wait(room, mutex);
+    // push's refusal (oversize or null bytes) is passed on: it names the reason.
+    const int32_t result = queue.push(&buffer);
+    pthread_mutex_unlock(mutex);
+    return result;
+}
+
+int32_t MPEG4FileMuxer::stop() {
+    if (FileMuxer::stop() != kOk) return kErrInvalidState;
+    if (muxerThread) {
+        muxerThread->stopAndJoin();
+        delete muxerThread;
+        muxerThread = nullptr;
+    }
+    // With no thread (the header or the thread start failed) the file is
+    // closed by the context's holder below and has no trailer.
+    audioCodecContext.reset();
+    videoCodecContext.reset();
+    formatContext.reset();
+    audioStream = nullptr;
+    videoStream = nullptr;
+    outputFormat = nullptr;
+    aacFilter.reset();
+    lastVideoDts = kTimestampUnset;
+    lastAudioDts = kTimestampUnset;
+    state = 1;
+    videoQueue.writeIndex = videoQueue.readIndex = videoQueue.count = 0;
+    audioQueue.writeIndex = audioQueue.readIndex = audioQueue.count = 0;
+    return kOk;
+}

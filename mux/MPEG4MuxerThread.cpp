@@ -1,0 +1,192 @@
+#include "mux/MPEG4MuxerThread.h"
+
+#include <atomic>
+#include <cstring>
+#include <new>
+
+#include "base/Log.h"
+#include "mux/MPEG4FileMuxer.h"
+#include "platform/Sleep.h"
+
+extern "C" {
+#include <libavutil/mathematics.h>
+}
+
+namespace {
+
+std::atomic<MuxWriteObserver> writeObserver{nullptr};
+std::atomic<void*> writeObserverUser{nullptr};
+
+void observe(const AVPacket* packet) {
+    if (MuxWriteObserver observer = writeObserver.load()) observer(writeObserverUser.load(), packet);
+}
+
+bool formatTakesFilteredAudio(const char* name) {
+    return std::strcmp(name, "mp4") == 0 || std::strcmp(name, "mov") == 0 ||
+           std::strcmp(name, "3gp") == 0 || std::strcmp(name, "flv") == 0;
+}
+
+}  // namespace
+
+void setMuxWriteObserver(MuxWriteObserver observer, void* user) {
+    writeObserverUser.store(user);
+    writeObserver.store(observer);
+}
+
+MPEG4MuxerThread::MPEG4MuxerThread(MPEG4FileMuxer* owner) : owner(owner) {}
+
+void MPEG4MuxerThread::run() {
+    audioBlock.reset(new (std::nothrow) uint8_t[MPEG4FileMuxer::kAudioElementSize]);
+    videoBlock.reset(new (std::nothrow) uint8_t[MPEG4FileMuxer::kVideoElementSize]);
+    packet.reset(av_packet_alloc());
+    filtered.reset(av_packet_alloc());
+    audioScratch = BaseBuffer(audioBlock.get(), 0, 0, 0, 0);
+    videoScratch = BaseBuffer(videoBlock.get(), 0, 0, 0, 0);
+    baseTime = kTimestampUnset;
+    writeCounter = 0;
+
+    for (;;) {
+        bool wrote = false;
+        bool end;
+        if (owner->hasAudio && owner->hasVideo)
+            end = turnBothTracks(&wrote);
+        else
+            end = turnOneTrack(owner->hasVideo ? kTrackVideo : kTrackAudio, &wrote);
+        if (end) break;
+        // A turn that wrote goes straight on: the pause is only for an idle
+        // turn, so that writing is limited by the file and not by sleeping.
+        if (!wrote) Sleep(1);
+    }
+
+    audioScratch = BaseBuffer();
+    videoScratch = BaseBuffer();
+    audioBlock.reset();
+    videoBlock.reset();
+    filtered.reset();
+    packet.reset();
+
+    AVFormatContext* context = owner->formatContext.get();
+    av_write_trailer(context);
+    if (!(context->oformat->flags & AVFMT_NOFILE)) avio_closep(&context->pb);
+    if (owner->notify) owner->notify->onMuxComplete();
+}
+
+bool MPEG4MuxerThread::turnBothTracks(bool* wrote) {
+    BaseBufferQueue& audio = owner->audioQueue;
+    BaseBufferQueue& video = owner->videoQueue;
+    pthread_mutex_lock(&owner->audioMutex);
+    const bool audioEmpty = audio.count == 0;
+    pthread_mutex_lock(&owner->videoMutex);
+    const bool videoEmpty = video.count == 0;
+    // Read under the ring mutexes: a stop seen here comes after every push
+    // that the caller made, so rings found empty now stay empty.
+    const bool stopping = stopRequested.load();
+
+    int32_t track = -1;
+    if (!audioEmpty && !videoEmpty) {
+        const int64_t audioDts = audio.entries[audio.readIndex].dts;
+        const int64_t videoDts = video.entries[video.readIndex].dts;
+        if (baseTime == kTimestampUnset) baseTime = audioDts < videoDts ? audioDts : videoDts;
+        track = audioDts < videoDts ? kTrackAudio : kTrackVideo;
+    } else if (!audioEmpty) {
+        // Wait for the video track to catch up, unless the ring can take no more.
+        if (audio.count == audio.capacity || stopping) track = kTrackAudio;
+    } else if (!videoEmpty) {
+        if (video.count == video.capacity || stopping) track = kTrackVideo;
+    }
+    if (track >= 0) {
+        writeHead(track);
+        *wrote = true;
+    }
+    pthread_mutex_unlock(&owner->audioMutex);
+    pthread_mutex_unlock(&owner->videoMutex);
+    return audioEmpty && videoEmpty && stopping;
+}
+
+bool MPEG4MuxerThread::turnOneTrack(int32_t track, bool* wrote) {
+    const bool isAudio = track == kTrackAudio;
+    pthread_mutex_t* mutex = isAudio ? &owner->audioMutex : &owner->videoMutex;
+    BaseBufferQueue& queue = isAudio ? owner->audioQueue : owner->videoQueue;
+    pthread_mutex_lock(mutex);
+    if (queue.count == 0) {
+        const bool stopping = stopRequested.load();
+        pthread_mutex_unlock(mutex);
+        return stopping;
+    }
+    writeHead(track);
+    *wrote = true;
+    pthread_mutex_unlock(mutex);
+    return false;
+}
+
+void MPEG4MuxerThread::writeHead(int32_t track) {
+    const bool isAudio = track == kTrackAudio;
+    BaseBufferQueue& queue = isAudio ? owner->audioQueue : owner->videoQueue;
+    BaseBuffer& scratch = isAudio ? audioScratch : videoScratch;
+    // Anchored once, on the first head written. (Anchoring again while the
+    // base is negative would put two samples of a negative timeline at 0.)
+    if (baseTime == kTimestampUnset) baseTime = queue.entries[queue.readIndex].dts;
+    if (scratch.data) {
+        if (queue.pop(&scratch) == 0)
+            writeSample(scratch.data, scratch.size, track, scratch.pts - baseTime,
+                        scratch.dts - baseTime, scratch.flags);
+    } else {
+        // No scratch block could be had: drop the head so that a caller
+        // waiting for room is never stuck.
+        if (++queue.readIndex == queue.capacity) queue.readIndex = 0;
+        --queue.count;
+    }
+    pthread_cond_broadcast(isAudio ? &owner->audioRoom : &owner->videoRoom);
+}
+
+void MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts,
+                                   int64_t dts, uint32_t flags) {
+    AVFormatContext* context = owner->formatContext.get();
+    AVStream* stream = track == kTrackVideo ? owner->videoStream : owner->audioStream;
+    if (!packet || !stream) return;
+    AVPacket* out = packet.get();
+    av_packet_unref(out);
+
+    // The header may have changed the stream's time base: read it now.
+    const AVRational milliseconds{1, 1000};
+    out->pts = av_rescale_q(pts, milliseconds, stream->time_base);
+    out->dts = av_rescale_q(dts, milliseconds, stream->time_base);
+    // Not reference-counted: libavformat copies the bytes it keeps, so the
+    // scratch block can take the next sample at once.
+    out->data = data;
+    out->size = size;
+    out->stream_index = stream->id;
+    out->duration = 0;
+    out->pos = 0;
+    if (track == kTrackVideo)
+        out->flags = (flags & 0x40000100u) ? AV_PKT_FLAG_KEY : 0;
+    else
+        out->flags = AV_PKT_FLAG_KEY;
+
+    if (track == kTrackAudio && formatTakesFilteredAudio(context->oformat->name) &&
+        stream->codecpar->codec_id == AV_CODEC_ID_AAC && owner->aacFilter && filtered) {
+        AVBSFContext* filter = owner->aacFilter.get();
+        AVPacket* copy = filtered.get();
+        av_packet_unref(copy);
+        int result = av_packet_ref(copy, out);
+        if (result >= 0) result = av_bsf_send_packet(filter, copy);
+        if (result >= 0) result = av_bsf_receive_packet(filter, copy);
+        if (result >= 0) {
+            av_packet_unref(out);
+            av_packet_move_ref(out, copy);
+        } else {
+            av_packet_unref(copy);
+            const AVCodecContext* codec = owner->audioCodecContext.get();
+            Log("MPEG4MuxerThread", "%s failed for stream %d, codec %s", filter->filter->name,
+                out->stream_index, codec && codec->codec ? codec->codec->name : "copy");
+        }
+    }
+
+    observe(out);
+    av_interleaved_write_frame(context, out);
+    if (++writeCounter == kFlushInterval) {
+        observe(nullptr);
+        av_interleaved_write_frame(context, nullptr);
+        writeCounter = 0;
+    }
+}

@@ -1,0 +1,61 @@
+#pragma once
+#include <cstdint>
+#include <memory>
+
+#include "base/BaseBuffer.h"
+#include "base/BaseThread.h"
+
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
+class MPEG4FileMuxer;
+
+// The one thread that touches the output file between start and stop. Each
+// turn it writes at most one sample: the ring head with the lower dts, or the
+// head of a ring that is full (or of any ring once stopping). Timestamps are
+// shifted so that the file starts at 0 and rescaled to each stream's time base.
+// On stop it drains both rings, writes the trailer, closes the file and tells
+// the owner's notify, once.
+class MPEG4MuxerThread : public BaseThread {
+public:
+    explicit MPEG4MuxerThread(MPEG4FileMuxer* owner);
+    void run() override;
+
+    MPEG4FileMuxer* owner;
+
+    // A flush of libavformat's interleaving queue after this many writes.
+    static constexpr int32_t kFlushInterval = 600;
+
+private:
+    struct PacketDeleter {
+        void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+    };
+
+    // One turn of each kind; true when the loop has to end. `wrote` tells
+    // whether a sample went to the file.
+    bool turnBothTracks(bool* wrote);
+    bool turnOneTrack(int32_t track, bool* wrote);
+    // Pops the head of `track`'s ring and writes it; the caller holds the
+    // ring's mutex (both, in a two-track turn).
+    void writeHead(int32_t track);
+    void writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts, int64_t dts,
+                     uint32_t flags);
+
+    // State of one run, touched by this thread only.
+    BaseBuffer audioScratch;
+    BaseBuffer videoScratch;
+    std::unique_ptr<uint8_t[]> audioBlock;
+    std::unique_ptr<uint8_t[]> videoBlock;
+    std::unique_ptr<AVPacket, PacketDeleter> packet;
+    std::unique_ptr<AVPacket, PacketDeleter> filtered;
+    int64_t baseTime = 0;
+    int32_t writeCounter = 0;
+};
+
+// Sees every packet exactly as it goes to av_interleaved_write_frame, and a
+// null packet for each flush of the interleaving queue. For tests that need
+// the order of writing, which the finished file no longer shows (libavformat
+// re-sorts by dts). Set it before start and clear it after stop.
+using MuxWriteObserver = void (*)(void* user, const AVPacket* packet);
+void setMuxWriteObserver(MuxWriteObserver observer, void* user);
