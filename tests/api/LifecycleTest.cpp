@@ -134,7 +134,9 @@ TEST(Create, ManyInstancesComeAndGoWithoutThreads) {
     for (int i = 0; i < 300; ++i) {
         void* handle = TSL_CreateTessalo(&i, &ignoreEvents);
         ASSERT_NE(handle, nullptr);
-        if (i % 3 == 0) EXPECT_EQ(threadCount(), before) << "creating an instance starts no thread";
+        if (i % 3 == 0) {
+            EXPECT_EQ(threadCount(), before) << "creating an instance starts no thread";
+        }
         TSL_DestoryTessalo(handle);
     }
     // Several side by side.
