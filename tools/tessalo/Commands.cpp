@@ -262,6 +262,15 @@ namespace {
 
 std::string spanText(int64_t a, int64_t b) { return std::to_string(a) + "-" + std::to_string(b) + " ms"; }
 
+// The key frame a range's output opens on. The cut takes the group before the
+// first key at or after the start (the first group when that is the first
+// key), so a start right on a key timestamp still opens one group earlier.
+int64_t openingKey(const std::vector<int64_t>& keys, int64_t start) {
+    const auto at = std::lower_bound(keys.begin(), keys.end(), start);
+    if (at == keys.end()) return keys.back();
+    return at == keys.begin() ? *at : *(at - 1);
+}
+
 // Why the library would not take the job at all.
 std::string refusedCut(const Indexed& ix, const std::string& file, const std::string& output) {
     if (ix.info.sampleRate <= 0)
@@ -317,7 +326,8 @@ int runCut(const Settings& s, const std::string& file, const std::string& output
     }
     if (s.json) {
         json jr = json::array();
-        for (const TimeSpan& r : ranges) jr.push_back({{"start", r.start}, {"end", r.end}});
+        for (const TimeSpan& r : ranges)
+            jr.push_back({{"start", r.start}, {"end", r.end}, {"opensAtKey", openingKey(ix.keys, r.start)}});
         out << json{{"source", file}, {"output", output}, {"ranges", jr}, {"offsets", report}}.dump(2) << "\n";
         return 0;
     }
@@ -325,7 +335,8 @@ int runCut(const Settings& s, const std::string& file, const std::string& output
         << ")\n";
     for (size_t i = 0; i < ranges.size(); ++i)
         out << "  range " << i + 1 << "  " << spanText(ranges[i].start, ranges[i].end) << "  ("
-            << clockText(ranges[i].start) << " - " << clockText(ranges[i].end) << ")\n";
+            << clockText(ranges[i].start) << " - " << clockText(ranges[i].end) << "), opens on the key frame at "
+            << openingKey(ix.keys, ranges[i].start) << " ms\n";
     if (!report.empty()) out << "offsets on the output's timeline:\n";
     for (const json& e : report) {
         out << "  " << spanText(e["source"]["first"], e["source"]["second"]) << " -> ";
@@ -359,7 +370,7 @@ int runDemo(const Settings& s, const std::string& dir, std::ostream& out) {
         << "  demo.mp4    the sample clip\n"
         << "  thumbs/     one PNG per key picture\n"
         << "  sheet.png   the contact sheet\n"
-        << "  cut.mp4     seconds 2-4 and 6-8 of the clip, one behind the other\n";
+        << "  cut.mp4     the two ranges one behind the other, each from the key frame it opens on\n";
     return 0;
 }
 

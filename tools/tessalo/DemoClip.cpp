@@ -118,6 +118,9 @@ void encode(AVFormatContext* fmt, Codec& codec, AVFrame* frame) {
         const int rc = avcodec_receive_packet(codec.ctx, packet.get());
         if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return;
         check(rc, "encoding");
+        // Each picture lasts one frame; without a duration the muxer would
+        // end the track's edit list before the last picture is shown.
+        if (packet->duration == 0 && codec.ctx->codec_type == AVMEDIA_TYPE_VIDEO) packet->duration = 1;
         av_packet_rescale_ts(packet.get(), codec.ctx->time_base, codec.stream->time_base);
         packet->stream_index = codec.stream->index;
         check(av_interleaved_write_frame(fmt, packet.get()), "writing");

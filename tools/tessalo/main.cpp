@@ -2,7 +2,11 @@
 // Exit status: 0 done, 1 file refused or job failed, 2 usage error.
 #include <CLI/CLI.hpp>
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <iostream>
+#include <streambuf>
 
 #include "Causes.h"
 #include "Commands.h"
@@ -11,6 +15,32 @@
 using namespace tslcli;
 
 namespace {
+
+// Writes straight to a file descriptor, for the program's own output.
+class FdBuf : public std::streambuf {
+public:
+    explicit FdBuf(int fd) : fd(fd) {}
+
+protected:
+    int_type overflow(int_type c) override {
+        if (c == traits_type::eof()) return traits_type::not_eof(c);
+        const char ch = static_cast<char>(c);
+        return xsputn(&ch, 1) == 1 ? c : traits_type::eof();
+    }
+    std::streamsize xsputn(const char* data, std::streamsize n) override {
+        std::streamsize done = 0;
+        while (done < n) {
+            const ssize_t w = ::write(fd, data + done, static_cast<size_t>(n - done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) break;
+            done += w;
+        }
+        return done;
+    }
+
+private:
+    int fd;
+};
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
@@ -94,20 +124,30 @@ int main(int argc, char** argv) {
     }
 
     quietFfmpeg();
+    // The library prints a few diagnostics of its own to standard output.
+    // They must not mix with what this program prints (JSON above all), so
+    // its output keeps a private copy of the descriptor and descriptor 1
+    // goes to standard error.
+    const int outFd = ::dup(STDOUT_FILENO);
+    if (outFd < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+        std::cerr << "tessalo: cannot set up standard output\n";
+        return kExitFailure;
+    }
+    FdBuf outBuf(outFd);
+    std::ostream out(&outBuf);
     settings.idle = std::chrono::milliseconds(static_cast<int64_t>(timeoutSeconds * 1000));
     try {
-        if (*info) return runInfo(settings, file, std::cout);
-        if (*keys) return runKeys(settings, file, std::cout);
-        if (*group) return runGroup(settings, file, timeArg(keyText), std::cout);
-        if (*thumbsCmd) return runThumbs(settings, file, thumbs, std::cout);
-        if (*frames) return runFrames(settings, file, timeArg(keyText), framesDir, std::cout);
-        if (*cut) return runCut(settings, file, output, spans(rangeTexts, "range"), spans(offsetTexts, "offset"), std::cout);
-        if (*demo) return runDemo(settings, demoDir, std::cout);
+        if (*info) return runInfo(settings, file, out);
+        if (*keys) return runKeys(settings, file, out);
+        if (*group) return runGroup(settings, file, timeArg(keyText), out);
+        if (*thumbsCmd) return runThumbs(settings, file, thumbs, out);
+        if (*frames) return runFrames(settings, file, timeArg(keyText), framesDir, out);
+        if (*cut) return runCut(settings, file, output, spans(rangeTexts, "range"), spans(offsetTexts, "offset"), out);
+        if (*demo) return runDemo(settings, demoDir, out);
     } catch (const UsageError& e) {
         std::cerr << "tessalo: " << e.what() << "\nRun with --help for more information.\n";
         return kExitUsage;
     } catch (const std::exception& e) {
-        std::cout.flush();
         std::cerr << "tessalo: " << e.what() << "\n";
         return kExitFailure;
     }
