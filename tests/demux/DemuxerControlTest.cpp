@@ -17,9 +17,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// The recorder outlives the demuxer: destroying a walking demuxer ends its
+// reader, which may still be reporting into the recorder until then.
 struct Walk {
-    std::unique_ptr<DemuxerAVImpl> demuxer = std::make_unique<DemuxerAVImpl>();
     demuxtest::Recorder recorder;
+    std::unique_ptr<DemuxerAVImpl> demuxer = std::make_unique<DemuxerAVImpl>();
     explicit Walk(const std::string& file) {
         recorder.attach(demuxer.get());
         demuxer->setProperty(kDemuxerPropPath, file.c_str());
