@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
 #include <map>
+#include <unistd.h>
 #include <string>
 #include <vector>
 
@@ -157,6 +159,25 @@ inline ProbeIndex probeIndex(const std::string& file) {
     }
     index.ok = true;
     return index;
+}
+
+// A file with many small packets, so that a walk lasts long enough to be
+// interrupted: five minutes of 64x48 video at 50 fps, a key every 25 frames.
+// Made once with the ffmpeg tool and kept in the build tree.
+inline const std::string& longWalkFile() {
+    static const std::string path = [] {
+        const std::filesystem::path file = std::filesystem::path(TSL_BUILD_DIR) / "media" / "long_walk.mp4";
+        if (!std::filesystem::exists(file)) {
+            // Per process: two test programs may make it at the same time.
+            const std::string tmp = file.string() + "." + std::to_string(getpid()) + ".mp4";
+            int status = 0;
+            run("ffmpeg -nostdin -loglevel error -y -f lavfi -i testsrc2=size=64x48:rate=50:duration=300 "
+                "-c:v libx264 -preset ultrafast -bf 2 -g 25 -pix_fmt yuv420p " + shellQuote(tmp), &status);
+            if (status == 0) std::filesystem::rename(tmp, file);
+        }
+        return file.string();
+    }();
+    return path;
 }
 
 }  // namespace tsltest
