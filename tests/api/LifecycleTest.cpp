@@ -149,3 +149,20 @@ TEST(Create, ManyInstancesComeAndGoWithoutThreads) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SharedObject, ExportsExactlyTheSixteenFunctions) {
+    int status = 0;
+    const std::string symbols = tsltest::run(
+        "nm -D --defined-only " + tsltest::shellQuote(std::string(TSL_BUILD_DIR) + "/libtessalo.so") +
+            " | awk '{print $3}' | sort | tr '\\n' ' '",
+        &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(symbols,
+              "TSL_CancelFile TSL_CreateTessalo TSL_CutFile TSL_DestoryTessalo TSL_GetEditOffsetPts TSL_GetKeyPts "
+              "TSL_GetKeyPtsCount TSL_GetMediaInfo TSL_GetOnePicSize TSL_GetPic TSL_GetPicByPts TSL_GetPicPts "
+              "TSL_GetPtsByKeyPts TSL_GetPtsCountByKeyPts TSL_SetOutputPicFormat TSL_StartPic ");
+}
+
+}  // namespace
