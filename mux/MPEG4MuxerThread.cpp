@@ -156,7 +156,12 @@ void MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, i
     out->data = data;
     out->size = size;
     out->stream_index = stream->id;
+    // Durations stay unset, but this libavformat no longer derives a missing
+    // video duration from the frame rate as older ones did: the last video
+    // sample would get 0 and fall outside the edit list. One frame period it is.
     out->duration = 0;
+    if (track == kTrackVideo && stream->r_frame_rate.num > 0 && stream->r_frame_rate.den > 0)
+        out->duration = av_rescale_q(1, av_inv_q(stream->r_frame_rate), stream->time_base);
     out->pos = 0;
     if (track == kTrackVideo)
         out->flags = (flags & 0x40000100u) ? AV_PKT_FLAG_KEY : 0;

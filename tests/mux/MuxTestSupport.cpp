@@ -1,5 +1,6 @@
 #include "MuxTestSupport.h"
 
+#include <cmath>
 #include <sstream>
 
 #include "mux/MPEG4MuxerThread.h"
@@ -38,15 +39,28 @@ std::vector<StreamCount> countPackets(const std::string& path) {
     return out;
 }
 
-std::string keyFlags(const std::string& path, char type) {
+std::string keyFlags(const std::string& path, int index) {
     std::string out;
-    for (const std::string& flags : packetField(path, type, "flags")) out += flags.empty() ? '?' : flags[0];
+    const std::string prefix = "AVIndex stream " + std::to_string(index) + ", ";
+    for (const std::string& line : lines(run("ffprobe -v trace " + shellQuote(path) + " 2>&1"))) {
+        const size_t at = line.find(prefix);
+        if (at == std::string::npos) continue;
+        const size_t key = line.find("keyframe ", at);
+        if (key != std::string::npos) out += line[key + 9] == '1' ? 'K' : '_';
+    }
     return out;
 }
 
 std::vector<std::string> packetField(const std::string& path, char type, const std::string& field) {
     return lines(run(std::string("ffprobe -v error -select_streams ") + type + ":0 -show_entries packet=" +
                      field + " -of csv=p=0 " + shellQuote(path)));
+}
+
+std::vector<int64_t> packetMs(const std::string& path, char type, const std::string& field) {
+    std::vector<int64_t> out;
+    for (const std::string& value : packetField(path, type, field))
+        out.push_back(static_cast<int64_t>(std::llround(std::stod(value) * 1000.0)));
+    return out;
 }
 
 std::string formatEntry(const std::string& path, const std::string& entry) {

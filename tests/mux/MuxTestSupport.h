@@ -21,10 +21,14 @@ struct StreamCount {
 };
 // ffprobe -count_packets of every stream, in stream order.
 std::vector<StreamCount> countPackets(const std::string& path);
-// "K" or "_" per packet of the first stream of `type` ('v' or 'a'), in file order.
-std::string keyFlags(const std::string& path, char type);
+// "K" or "_" per sample of stream `index`, from the container's own sync-sample
+// table as the mov reader indexes it (packet flags would be redone by the
+// reader's H.264 parser from the picture content).
+std::string keyFlags(const std::string& path, int index);
 // One ffprobe entry per line for the packets of `type`, e.g. "pts_time" or "size".
 std::vector<std::string> packetField(const std::string& path, char type, const std::string& field);
+// The same for a "*_time" field, rounded to whole milliseconds.
+std::vector<int64_t> packetMs(const std::string& path, char type, const std::string& field);
 // A format-level entry, e.g. "format_name" or "format_tags=major_brand".
 std::string formatEntry(const std::string& path, const std::string& entry);
 // What `ffmpeg -v error -i path -f null -` prints; `status` gets its exit status.
