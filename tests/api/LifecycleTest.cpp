@@ -101,6 +101,17 @@ TEST(NewInstance, KnowsNothingYet) {
     TSL_DestoryTessalo(handle);
 }
 
+TEST(NewInstance, APictureRequestWithoutAFileFailsWithoutPicDone) {
+    tsltest::EventRecorder events;
+    void* handle = TSL_CreateTessalo(&events, &tsltest::EventRecorder::callback);
+    ASSERT_NE(handle, nullptr);
+    const int64_t asked[1] = {0};
+    ASSERT_TRUE(TSL_GetPicByPts(handle, asked, 1));
+    ASSERT_NE(events.waitForAny({kHostEventFileError, kHostEventPicDone}), -1);
+    TSL_DestoryTessalo(handle);  // joins the request: its events are all in
+    EXPECT_EQ(events.events(), (std::vector<int32_t>{kHostEventPicStart, kHostEventFileError}));
+}
+
 TEST(Arguments, OutsideTheInterfaceAreRefusedWithoutAnEvent) {
     tsltest::EventRecorder events;
     void* handle = TSL_CreateTessalo(&events, &tsltest::EventRecorder::callback);

@@ -161,19 +161,4 @@ TEST_F(HostWalk, KeyTimestampQueriesEqualFfprobe) {
     }
 }
 
-TEST_F(HostWalk, MediaInformationStaysUntilTheNextFileIsAccepted) {
-    ASSERT_TRUE(TSL_StartPic(handle, tsltest::media("main.mp4").c_str()));
-    ASSERT_TRUE(events.waitFor(kHostEventIndexReady));
-    TessaloMediaInfo first;
-    TSL_GetMediaInfo(handle, &first);
-    events.clear();
-    ASSERT_TRUE(TSL_StartPic(handle, tsltest::media("hevc.mp4").c_str()));
-    ASSERT_EQ(events.waitForAny(kWalkEnds), kHostEventBadCodec);
-    TessaloMediaInfo after;
-    TSL_GetMediaInfo(handle, &after);
-    EXPECT_EQ(after.width, first.width);
-    EXPECT_EQ(after.durationMs, first.durationMs);
-    EXPECT_EQ(TSL_GetKeyPtsCount(handle), 0) << "the former index went with the new request";
-}
-
 }  // namespace

@@ -159,18 +159,6 @@ TEST_F(Reports, DemuxerErrorsBecomeTheirHostEvents) {
     }
 }
 
-TEST_F(Reports, EndsAndUnknownKindsAreSilent) {
-    instance.setState(kStateRunning);
-    TessaloImpl::onDemuxerEvent(kDemuxerEventEnded, kDemuxerMediaAudio, nullptr, &instance);
-    TessaloImpl::onDemuxerEvent(7, 0, nullptr, &instance);
-    EXPECT_FALSE(instance.isStopped()) << "only the end of the video ends the walk";
-    instance.fetchMode = true;
-    TessaloImpl::onDemuxerEvent(kDemuxerEventEnded, kDemuxerMediaVideo, nullptr, &instance);
-    TessaloImpl::onDemuxerEvent(kDemuxerEventReady, 0, nullptr, &instance);
-    EXPECT_FALSE(instance.isStopped()) << "a fetch is not ended by a demuxer";
-    EXPECT_TRUE(events.events().empty());
-}
-
 TEST_F(Reports, TheEndOfTheVideoSortsAndWakesTheWaitingWorker) {
     DemuxerPacket packet{};
     for (int64_t pts : {0, 80, 40}) {
