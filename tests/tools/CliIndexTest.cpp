@@ -124,3 +124,21 @@ TEST(CliGroup, NoGroupAtATimestampThatIsNoKey) {
     EXPECT_NE(r.err.find(std::to_string(e.keys[1]) + " ms and " + std::to_string(e.keys[2]) + " ms"), std::string::npos)
         << r.err;
 }
+
+TEST(CliInfo, TwoVideoStreamsFeedOneIndex) {
+    // Both streams' packets land in the index, and a key timestamp that opens
+    // a group in each stream lists both groups.
+    const std::string file = tsltest::media("twovideo.mp4");
+    const auto r = clitest::tessalo("info " + q(file) + " --json");
+    ASSERT_EQ(r.status, 0) << r.err;
+    const json packets = clitest::probe(file, "packet=stream_index", "v")["packets"];
+    EXPECT_EQ(json::parse(r.out)["index"]["videoSamples"], packets.size());
+
+    const auto g = clitest::tessalo("group " + q(file) + " 0 --json");
+    ASSERT_EQ(g.status, 0) << g.err;
+    size_t firstSecond = 0;
+    const json times = clitest::probe(file, "packet=pts_time", "v");
+    for (const auto& p : times["packets"])
+        firstSecond += std::stod(p["pts_time"].get<std::string>()) < 1.0;
+    EXPECT_EQ(json::parse(g.out)["pts"].size(), firstSecond);
+}

@@ -111,3 +111,29 @@ TEST(CliFrames, EveryPictureOfAGroupUnderItsOwnTimestamp) {
     EXPECT_LT(same, clitest::meanDiff(ours, clitest::ffmpegFrameRgb(file, n - 1)));
     EXPECT_LT(same, clitest::meanDiff(ours, clitest::ffmpegFrameRgb(file, n + 1)));
 }
+
+TEST(CliFrames, TheLastGroupOfAFileAccountsForEveryTimestamp) {
+    // At the end of a file the decoder can keep its last pictures; whatever
+    // the library delivers is written, and the rest is named on stderr.
+    const std::string file = tsltest::media("main.mp4");
+    const std::string dir = tsltest::scratchDir();
+    const auto packets = clitest::videoPackets(file);
+    int64_t lastKey = 0;
+    for (const auto& p : packets)
+        if (p.key) lastKey = p.ptsMs;
+    std::vector<int64_t> group;
+    for (const auto& p : packets)
+        if (p.ptsMs >= lastKey) group.push_back(p.ptsMs);
+
+    const auto r = clitest::tessalo("frames " + q(file) + " " + std::to_string(lastKey) + " -o " + q(dir));
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto names = clitest::listDir(dir);
+    EXPECT_FALSE(names.empty());
+    for (const int64_t pts : group) {
+        const bool written = std::count(names.begin(), names.end(), keyName("frame", pts)) == 1;
+        const std::string t = " " + std::to_string(pts);
+        const bool named = r.err.find(t + ",") != std::string::npos || r.err.find(t + " ms") != std::string::npos;
+        EXPECT_TRUE(written || named) << pts << " neither written nor reported missing: " << r.err;
+    }
+    EXPECT_LE(names.size(), group.size());
+}

@@ -82,3 +82,16 @@ TEST(CliUsage, BadArgumentsGiveStatusTwoAndTouchNothing) {
         EXPECT_FALSE(std::filesystem::exists(out)) << c.args;
     }
 }
+
+TEST(CliRefusal, AWalkThatEndsWithoutAnyEventIsReportedNotWaitedOnForever) {
+    // Every key packet dropped: the library indexes nothing and says nothing.
+    const std::string file = tsltest::scratchDir() + "/nokeys.mp4";
+    int status = -1;
+    tsltest::run("ffmpeg -nostdin -v error -y -i " + q(tsltest::media("main.mp4")) +
+                     " -map 0:v -map 0:a -c copy -bsf:v noise=drop=key " + q(file) + " 2>&1",
+                 &status);
+    ASSERT_EQ(status, 0);
+    const auto r = clitest::tessalo("--timeout 2 keys " + q(file));
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("holds no H.264 key frame"), std::string::npos) << r.err;
+}

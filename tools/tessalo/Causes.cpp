@@ -1,5 +1,6 @@
 #include "Causes.h"
 
+#include <cstdarg>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,7 @@ struct Facts {
     bool opened = false;
     std::string openError;
     std::vector<Track> tracks;
-    bool videoPackets = false;  // an H.264 track has at least one packet
+    bool keyPackets = false;  // an H.264 track has at least one key packet
 };
 
 Facts probe(const std::string& path, bool countPackets) {
@@ -49,9 +50,10 @@ Facts probe(const std::string& path, bool countPackets) {
     }
     if (countPackets) {
         AVPacket* packet = av_packet_alloc();
-        while (packet && !facts.videoPackets && av_read_frame(format, packet) >= 0) {
+        while (packet && !facts.keyPackets && av_read_frame(format, packet) >= 0) {
             const Track& t = facts.tracks[static_cast<size_t>(packet->stream_index)];
-            facts.videoPackets = t.type == AVMEDIA_TYPE_VIDEO && t.codec == AV_CODEC_ID_H264 && !t.cover;
+            facts.keyPackets = t.type == AVMEDIA_TYPE_VIDEO && t.codec == AV_CODEC_ID_H264 && !t.cover &&
+                               (packet->flags & AV_PKT_FLAG_KEY);
             av_packet_unref(packet);
         }
         av_packet_free(&packet);
@@ -78,9 +80,13 @@ std::string badVideo(const Facts& f) {
 
 }  // namespace
 
-void quietFfmpeg() { av_log_set_level(AV_LOG_QUIET); }
+void quietFfmpeg() {
+    av_log_set_level(AV_LOG_QUIET);
+    av_log_set_callback([](void*, int, const char*, va_list) {});
+}
 
 std::string refusalCause(int32_t event, const std::string& path) {
+    quietFfmpeg();  // the library may have set FFmpeg's log up its own way meanwhile
     const Facts f = probe(path, event == kSilent);
     if (event == kHostEventFileError || !f.opened)
         return "cannot open " + path + (f.opened ? "" : ": " + f.openError);
@@ -121,7 +127,8 @@ std::string refusalCause(int32_t event, const std::string& path) {
         case kHostEventUnassigned:
             return "the library reported an unexplained demuxer error for " + path;
         case kSilent:
-            if (!f.videoPackets) return path + " holds no H.264 video packets";
+            // Pictures before the first key frame cannot be decoded, so they are not indexed.
+            if (!f.keyPackets) return path + " holds no H.264 key frame: there is nothing to index";
             return "the library gave no answer while indexing " + path;
         default:
             return "the library refused " + path + " (event " + std::to_string(event) + ", " + eventName(event) + ")";

@@ -1,11 +1,15 @@
 #include "Host.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <climits>
+#include <cstdint>
 #include <cstring>
+#include <stdexcept>
 
 namespace tslcli {
 namespace {
@@ -152,20 +156,28 @@ std::vector<int64_t> Session::keys() const {
 std::vector<int64_t> Session::group(int64_t key) const {
     const int32_t count = TSL_GetPtsCountByKeyPts(handle, key);
     if (count <= 0) return {};
-    // The count covers the first group with this key, but the list covers
-    // every group that has it (two video streams both open a group at 0).
-    // The other groups' sizes are not exposed, so with a shared key the block
-    // gets room for that many groups of the largest size known, twice over.
     size_t sharing = 0;
-    int32_t largest = count;
-    for (const int64_t k : keys()) {
-        sharing += k == key;
-        largest = std::max(largest, TSL_GetPtsCountByKeyPts(handle, k));
+    for (const int64_t k : keys()) sharing += k == key;
+    if (sharing <= 1) {
+        std::vector<int64_t> out(static_cast<size_t>(count));
+        const int32_t written = TSL_GetPtsByKeyPts(handle, key, out.data());
+        out.resize(static_cast<size_t>(std::clamp(written, 0, count)));
+        return out;
     }
-    const size_t room = sharing > 1 ? sharing * static_cast<size_t>(largest) * 2 : static_cast<size_t>(count);
-    std::vector<int64_t> out(room);
-    const int32_t written = TSL_GetPtsByKeyPts(handle, key, out.data());
-    out.resize(static_cast<size_t>(std::clamp<int64_t>(written, 0, static_cast<int64_t>(room))));
+    // Several groups open at this timestamp (two video streams both start
+    // groups at 0, 1000, ...). The count covers only the first of them, but
+    // the list covers all, and the others' sizes are not exposed. The one
+    // bound is the interface's own: the result is a 32-bit count. So the
+    // block is a reservation of that many values that the system backs only
+    // where the library writes.
+    const size_t room = static_cast<size_t>(INT32_MAX);
+    const size_t bytes = room * sizeof(int64_t);
+    void* block = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (block == MAP_FAILED) throw std::runtime_error("no memory for the timestamps of the groups at " + std::to_string(key) + " ms");
+    const int32_t written = TSL_GetPtsByKeyPts(handle, key, static_cast<int64_t*>(block));
+    const int64_t* values = static_cast<const int64_t*>(block);
+    std::vector<int64_t> out(values, values + std::max(0, written));
+    ::munmap(block, bytes);
     return out;
 }
 
