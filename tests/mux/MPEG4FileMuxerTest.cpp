@@ -67,21 +67,6 @@ protected:
     muxfixture::Clip clip;
 };
 
-TEST_F(MPEG4FileMuxerTest, ConstructsReadyWithBothRingsAllocated) {
-    MPEG4FileMuxer muxer;
-    EXPECT_EQ(1, muxer.state);
-    EXPECT_EQ(200, muxer.videoQueue.capacity);
-    EXPECT_EQ(0x80000, muxer.videoQueue.bufferSize);
-    EXPECT_EQ(1, muxer.videoQueue.type);
-    EXPECT_EQ(300, muxer.audioQueue.capacity);
-    EXPECT_EQ(0x1000, muxer.audioQueue.bufferSize);
-    EXPECT_EQ(0, muxer.audioQueue.type);
-    EXPECT_EQ(kTimestampUnset, muxer.lastVideoDts);
-    EXPECT_EQ(kTimestampUnset, muxer.lastAudioDts);
-    EXPECT_FALSE(muxer.hasAudio);
-    EXPECT_FALSE(muxer.hasVideo);
-}
-
 TEST_F(MPEG4FileMuxerTest, OutputFormatFollowsTheName) {
     struct Case {
         const char* name;

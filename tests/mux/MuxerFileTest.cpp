@@ -92,3 +92,38 @@ INSTANTIATE_TEST_SUITE_P(
                     FileCase{"tiny.mp4", "out.xmov", kDeduceFailed, "qt  "}));
 
 }  // namespace
+
+namespace {
+
+// The other two formats of the fallback list, by their own extensions.
+TEST(MuxerOtherFormats, FlvAndThreeGpDecodeWithEverySample) {
+    const muxfixture::Clip& clip = muxtest::clip("tiny.mp4");
+    for (const char* name : {"out.flv", "out.3gp"}) {
+        SCOPED_TRACE(name);
+        const std::string out = tsltest::scratchDir() + "/" + name;
+        {
+            MPEG4FileMuxer muxer;
+            CountingNotify notify(&muxer);
+            muxer.setNotify(&notify);
+            ASSERT_EQ(kOk, muxer.setOutputFile(out.c_str()));
+            AudioTrackInfo audio = clip.audioInfo();
+            muxfixture::Clip copy = clip;
+            VideoTrackInfo video = copy.videoInfo();
+            ASSERT_EQ(kOk, muxer.addAudioTrack(&audio));
+            ASSERT_EQ(kOk, muxer.addVideoTrack(&video));
+            ASSERT_EQ(kOk, muxer.start());
+            EXPECT_EQ(0, muxtest::writeClip(muxer, clip));
+            ASSERT_EQ(kOk, muxer.stop());
+            EXPECT_EQ(1, notify.calls.load());
+        }
+        int status = -1;
+        EXPECT_EQ("", muxtest::decodeErrors(out, &status));
+        EXPECT_EQ(0, status);
+        long audio = 0, video = 0;
+        for (const auto& s : muxtest::countPackets(out)) (s.type == "audio" ? audio : video) += s.packets;
+        EXPECT_EQ(static_cast<long>(clip.audioCount), audio);
+        EXPECT_EQ(static_cast<long>(clip.videoCount), video);
+    }
+}
+
+}  // namespace
