@@ -1,6 +1,7 @@
 #include "DemuxRecorder.h"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <cstring>
 #include <fstream>
@@ -10,39 +11,36 @@
 
 #include "support/TestSupport.h"
 
-using Morvel_Tessalo::DemuxerAVImpl;
-using Morvel_Tessalo::DemuxerPacket;
+using namespace Morvel_Tessalo;
 
 namespace demuxtest {
 
-Recorder::Recorder(const std::string& file) {
-    if (file.empty()) return;
-    std::ifstream in(file, std::ios::binary);
-    fileBytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+Recorder::Recorder(const char* file, bool compareBytes) : demuxer(std::make_unique<DemuxerAVImpl>()) {
+    property.fill(kUntouched);
+    if (compareBytes && file) {
+        std::ifstream in(file, std::ios::binary);
+        fileBytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    demuxer->init(&Recorder::onPacket, &Recorder::onEvent, this);
+    if (file) demuxer->setProperty(kDemuxerPropPath, file);
 }
 
-void Recorder::attach(DemuxerAVImpl* target) {
-    demuxer = target;
-    demuxer->init(&Recorder::onPacket, &Recorder::onEvent, this);
-}
+Recorder::~Recorder() { demuxer.reset(); }
 
 int Recorder::start() {
     startThread = std::this_thread::get_id();
     return demuxer->start();
 }
 
-int Recorder::onPacket(int kind, DemuxerPacket* packet, void* user) {
+int Recorder::onPacket(int kind, DemuxerPacket* p, void* user) {
     auto* self = static_cast<Recorder*>(user);
-    SeenPacket seen{kind,        packet->size,     packet->pts, packet->dts, packet->key,
-                    packet->duration, packet->pos, {},          false};
-    const size_t headSize = std::min<size_t>(7, packet->size > 0 ? packet->size : 0);
-    seen.head.assign(packet->data, packet->data + headSize);
-    if (!self->fileBytes.empty() && packet->pos >= 0) {
-        const size_t skip = kind == Morvel_Tessalo::kDemuxerPacketAudio ? 7 : 0;
-        const size_t payload = packet->size >= static_cast<int32_t>(skip) ? packet->size - skip : 0;
-        const size_t at = static_cast<size_t>(packet->pos);
-        seen.bytesMatchFile = at + payload <= self->fileBytes.size() &&
-                              std::memcmp(packet->data + skip, self->fileBytes.data() + at, payload) == 0;
+    SeenPacket seen{{kind, p->size, p->pts, p->dts, p->key, p->duration, p->pos}, {}, false};
+    seen.head.assign(p->data, p->data + std::min<int32_t>(7, std::max<int32_t>(p->size, 0)));
+    const size_t skip = kind == kDemuxerPacketAudio ? 7 : 0;
+    if (!self->fileBytes.empty() && p->pos >= 0 && p->size >= static_cast<int32_t>(skip)) {
+        const size_t at = static_cast<size_t>(p->pos), length = p->size - skip;
+        seen.bytesMatchFile = at + length <= self->fileBytes.size() &&
+                              std::memcmp(p->data + skip, self->fileBytes.data() + at, length) == 0;
     }
     size_t number;
     {
@@ -57,37 +55,21 @@ int Recorder::onPacket(int kind, DemuxerPacket* packet, void* user) {
 
 void Recorder::onEvent(int kind, int detail, void* data, void* user) {
     auto* self = static_cast<Recorder*>(user);
-    const bool onStart = std::this_thread::get_id() == self->startThread;
-    if (kind == Morvel_Tessalo::kDemuxerEventReady && self->demuxer) {
-        // Read as the instance does, in its order.
-        Properties& p = self->properties;
-        DemuxerAVImpl* d = self->demuxer;
-        d->getProperty(15, &p.audioBitRate);
-        d->getProperty(14, &p.sampleRate);
-        d->getProperty(13, &p.channelsWide);
-        d->getProperty(8, &p.audioCodec);
-        d->getProperty(0, &p.duration);
-        d->getProperty(4, &p.videoBitRate);
-        d->getProperty(2, &p.height);
-        d->getProperty(1, &p.width);
-        d->getProperty(3, &p.frameRate);
-        d->getProperty(6, &p.videoCodec);
-        d->getProperty(10, &p.extraDataSize);
-        d->getProperty(9, &p.extraData);
-        d->getProperty(12, &p.annexBExtraDataSize);
-        d->getProperty(11, &p.annexBExtraData);
-        d->getProperty(5, &p.hasVideo);
-        d->getProperty(7, &p.hasAudio);
-        d->getProperty(16, &p.beyondTable);
-        if (p.extraData && p.extraDataSize > 0)
-            p.extraDataCopy.assign(p.extraData, p.extraData + p.extraDataSize);
-        if (p.annexBExtraData && p.annexBExtraDataSize > 0)
-            p.annexBCopy.assign(p.annexBExtraData, p.annexBExtraData + p.annexBExtraDataSize);
+    if (kind == kDemuxerEventReady) {
+        for (int id : {15, 14, 13, 8, 0, 4, 2, 1, 3, 6, 10, 9, 12, 11, 5, 7, 16})
+            self->demuxer->getProperty(id, &self->property[id]);
+        auto copy = [&](int pointerId, int sizeId, std::vector<uint8_t>* out) {
+            const auto* bytes = reinterpret_cast<const uint8_t*>(self->property[pointerId]);
+            const auto size = static_cast<int32_t>(self->property[sizeId]);
+            if (bytes && size > 0) out->assign(bytes, bytes + size);
+        };
+        copy(9, 10, &self->extraData);
+        copy(11, 12, &self->annexBExtraData);
     }
     {
         std::lock_guard<std::mutex> lock(self->mutex);
-        if (kind == Morvel_Tessalo::kDemuxerEventReady) self->readyBeforePackets = self->seenPackets.empty();
-        self->seenEvents.push_back({kind, detail, data == nullptr, onStart});
+        if (kind == kDemuxerEventReady) self->readyBeforePackets = self->seenPackets.empty();
+        self->seenEvents.push_back({kind, detail, data == nullptr, std::this_thread::get_id() == self->startThread});
     }
     self->changed.notify_all();
 }
@@ -107,114 +89,142 @@ size_t Recorder::packetCount() const {
     return seenPackets.size();
 }
 
-bool Recorder::waitForEvents(size_t count, std::chrono::milliseconds timeout) const {
+bool Recorder::waitForEvents(size_t n, std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, timeout, [&] { return seenEvents.size() >= count; });
+    return changed.wait_for(lock, timeout, [&] { return seenEvents.size() >= n; });
 }
 
-bool Recorder::waitForPackets(size_t count, std::chrono::milliseconds timeout) const {
+bool Recorder::waitForPackets(size_t n, std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, timeout, [&] { return seenPackets.size() >= count; });
+    return changed.wait_for(lock, timeout, [&] { return seenPackets.size() >= n; });
 }
 
 namespace {
 
-// ffprobe writes some numbers as strings ("size": "4680").
+// ffprobe writes some numbers as strings ("size": "4680") and unknowns as "N/A".
 std::optional<int64_t> number(const nlohmann::json& object, const char* key) {
     if (!object.contains(key)) return std::nullopt;
-    const auto& value = object[key];
-    if (value.is_number_integer()) return value.get<int64_t>();
-    if (value.is_string()) {
-        const std::string text = value.get<std::string>();
-        if (text.empty() || text == "N/A") return std::nullopt;
-        return std::stoll(text);
-    }
+    const auto& v = object[key];
+    if (v.is_number_integer()) return v.get<int64_t>();
+    if (v.is_string() && !v.get<std::string>().empty() && v.get<std::string>() != "N/A")
+        return std::stoll(v.get<std::string>());
     return std::nullopt;
 }
 
-struct Rational {
-    int64_t num = 0, den = 0;
-};
+std::pair<int64_t, int64_t> fraction(const nlohmann::json& object, const char* key) {
+    const std::string text = object.value(key, std::string("0/1"));
+    return {std::stoll(text.substr(0, text.find('/'))), std::stoll(text.substr(text.find('/') + 1))};
+}
 
-Rational rational(const std::string& text) {
-    Rational r;
-    const auto slash = text.find('/');
-    if (slash == std::string::npos) return r;
-    r.num = std::stoll(text.substr(0, slash));
-    r.den = std::stoll(text.substr(slash + 1));
-    return r;
+// ffprobe's -show_data hexdump: "00000000: 0164 000d ...  .d.." per line.
+std::vector<uint8_t> fromHexdump(const std::string& dump) {
+    std::vector<uint8_t> bytes;
+    for (size_t line = 0; line < dump.size();) {
+        size_t end = std::min(dump.find('\n', line), dump.size());
+        const size_t colon = dump.find(": ", line);
+        if (colon < end) {
+            std::string digits;
+            for (char c : dump.substr(colon + 2, 39))  // 8 groups of 4 digits
+                if (isxdigit(static_cast<unsigned char>(c))) digits += c;
+            for (size_t i = 0; i + 1 < digits.size(); i += 2)
+                bytes.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+        }
+        line = end + 1;
+    }
+    return bytes;
 }
 
 }  // namespace
 
 GroundTruth groundTruth(const std::string& file) {
-    int status = 0;
-    const std::string out = tsltest::run(
-        "ffprobe -v error -show_entries stream=index,codec_type,time_base,sample_rate,channels,width,height "
-        "-show_packets -of json " + tsltest::shellQuote(file) + " 2>/dev/null",
-        &status);
-    GroundTruth truth;
-    if (status != 0) return truth;
-    const auto doc = nlohmann::json::parse(out);
+    // Two runs: -show_data would dump every packet's bytes too.
+    int status = 0, packetStatus = 0;
+    const std::string quoted = tsltest::shellQuote(file);
+    const std::string streams = tsltest::run("ffprobe -v quiet -show_streams -show_format -show_data -of json " + quoted, &status);
+    const std::string packets = tsltest::run("ffprobe -v quiet -show_packets -of json " + quoted, &packetStatus);
+    GroundTruth t;
+    if (status != 0 || packetStatus != 0) return t;
+    const auto doc = nlohmann::json::parse(streams);
 
-    // Which streams are reported: video streams with a picture size; of the
-    // audio streams with a sample rate, only the first. The ADTS header takes
-    // the rate and channels of the last such audio stream.
+    // Reported: video streams with a picture size, and of the audio streams
+    // with a sample rate only the first.
     std::vector<int64_t> video;
     int64_t firstAudio = -1;
-    std::vector<Rational> timeBase(doc["streams"].size());
-    for (const auto& stream : doc["streams"]) {
-        const int64_t index = *number(stream, "index");
-        timeBase[index] = rational(stream.value("time_base", std::string()));
-        const std::string type = stream.value("codec_type", std::string());
-        if (type == "video" && number(stream, "width").value_or(0) > 0 && number(stream, "height").value_or(0) > 0)
+    std::vector<std::pair<int64_t, int64_t>> timeBase;
+    for (const auto& s : doc["streams"]) {
+        timeBase.push_back(fraction(s, "time_base"));
+        const int64_t index = *number(s, "index");
+        const std::string type = s.value("codec_type", std::string());
+        if (type == "video" && number(s, "width").value_or(0) > 0 && number(s, "height").value_or(0) > 0) {
             video.push_back(index);
-        if (type == "audio" && number(stream, "sample_rate").value_or(0) != 0) {
-            if (firstAudio < 0) firstAudio = index;
-            truth.adtsRate = static_cast<int32_t>(timeBase[index].den);
-            const int64_t channels = number(stream, "channels").value_or(0);
-            truth.adtsChannels = static_cast<int32_t>(channels == 0 ? 2 : channels);
+            t.width = static_cast<int32_t>(*number(s, "width"));
+            t.height = static_cast<int32_t>(*number(s, "height"));
+            const auto rate = fraction(s, "r_frame_rate");
+            t.frameRate = static_cast<int32_t>(rate.first / rate.second);
+            t.videoBitRate = static_cast<int32_t>(number(s, "bit_rate").value_or(0));
+            t.extraData = fromHexdump(s.value("extradata", std::string()));
+        }
+        if (type == "audio" && number(s, "sample_rate").value_or(0) != 0) {
+            if (firstAudio < 0) {
+                firstAudio = index;
+                t.sampleRate = static_cast<int32_t>(*number(s, "sample_rate"));
+                t.channels = static_cast<int32_t>(number(s, "channels").value_or(0));
+            }
+            t.audioBitRate = static_cast<int32_t>(number(s, "bit_rate").value_or(0));
+            t.adtsRate = static_cast<int32_t>(timeBase.back().second);
+            const int64_t channels = number(s, "channels").value_or(0);
+            t.adtsChannels = static_cast<int32_t>(channels == 0 ? 2 : channels);
         }
     }
+    t.durationMs = std::stod(doc["format"].value("duration", std::string("0"))) * 1000.0;
 
+    // Video waits for the first key packet; pts and dts count from their own
+    // bases, shared by all video streams; a missing pts is the dts.
     bool keySeen = false;
-    std::optional<int64_t> videoPtsBase, videoDtsBase, audioPtsBase;
-    for (const auto& packet : doc["packets"]) {
-        ++truth.totalPackets;
-        const int64_t index = *number(packet, "stream_index");
-        const std::string flags = packet.value("flags", std::string());
+    std::optional<int64_t> videoPts, videoDts, audioPts;
+    const auto packetDoc = nlohmann::json::parse(packets);
+    for (const auto& p : packetDoc["packets"]) {
+        const int64_t index = *number(p, "stream_index");
+        const std::string flags = p.value("flags", std::string());
         const bool key = flags.find_first_not_of('_') != std::string::npos;
-        const std::optional<int64_t> dts = number(packet, "dts");
-        const int64_t pts = number(packet, "pts").value_or(dts.value_or(INT64_MIN));
-        const int64_t size = *number(packet, "size");
-        const int64_t pos = number(packet, "pos").value_or(-1);
-        const int64_t duration = number(packet, "duration").value_or(0);
-        const Rational tb = timeBase[index];
+        const int64_t dts = number(p, "dts").value_or(0);
+        const int64_t pts = number(p, "pts").value_or(dts);
+        const auto [num, den] = timeBase[index];
+        Packet e{0, static_cast<int32_t>(*number(p, "size")), 0, 0, key, number(p, "duration").value_or(0),
+                 number(p, "pos").value_or(-1)};
         if (std::find(video.begin(), video.end(), index) != video.end()) {
-            if (!keySeen && (flags.empty() || flags[0] != 'K')) continue;  // AV_PKT_FLAG_KEY
+            if (!keySeen && flags.rfind('K', 0) != 0) continue;  // K: AV_PKT_FLAG_KEY
             keySeen = true;
-            if (!videoPtsBase) videoPtsBase = pts;
-            if (!videoDtsBase) videoDtsBase = dts;
-            // ms = ticks * 1000 * num / den, truncated towards zero.
-            auto ms = [&](int64_t ticks) { return ticks * 1000 * tb.num / tb.den; };
-            truth.packets.push_back({Morvel_Tessalo::kDemuxerPacketVideo, static_cast<int32_t>(size),
-                                     ms(pts - *videoPtsBase), ms(*dts - *videoDtsBase), key, duration, pos});
+            if (!videoPts) videoPts = pts;
+            if (!videoDts) videoDts = dts;
+            e.kind = kDemuxerPacketVideo;
+            e.pts = (pts - *videoPts) * 1000 * num / den;  // integer division truncates
+            e.dts = (dts - *videoDts) * 1000 * num / den;
         } else if (index == firstAudio) {
-            if (!audioPtsBase) audioPtsBase = pts;
-            // Audio counts whole ticks per second: den / num, remainder dropped.
-            const int64_t ms = (pts - *audioPtsBase) * 1000 / (tb.den / tb.num);
-            truth.packets.push_back({Morvel_Tessalo::kDemuxerPacketAudio, static_cast<int32_t>(size + 7), ms, ms,
-                                     key, duration, pos});
+            if (!audioPts) audioPts = pts;
+            e.kind = kDemuxerPacketAudio;
+            e.size += 7;
+            e.pts = e.dts = (pts - *audioPts) * 1000 / (den / num);  // whole ticks per second
+        } else {
+            continue;
         }
+        t.packets.push_back(e);
     }
-    return truth;
+    return t;
+}
+
+std::string makeFile(const std::string& name, const std::string& arguments) {
+    const std::string out = tsltest::scratchDir() + "/" + name;
+    int status = 0;
+    tsltest::run("ffmpeg -nostdin -v quiet -y " + arguments + " " + tsltest::shellQuote(out), &status);
+    EXPECT_EQ(status, 0) << "could not make " << name;
+    return out;
 }
 
 size_t threadCount() {
     size_t count = 0;
     if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir))
-            if (entry->d_name[0] != '.') ++count;
+        while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
         closedir(dir);
     }
     return count;
