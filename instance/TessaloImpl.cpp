@@ -97,11 +97,12 @@ bool TessaloImpl::getPicByPts(const int64_t* pts, int32_t count) {
 }
 
 bool TessaloImpl::startWorker() {
-    // The state becomes running here, on the host's thread, before the
-    // worker exists, instead of inside the worker after the demuxer's start.
-    // An end of file (or a stop) that the reader reports while start is
-    // still returning is then never overwritten by a late write of running.
-    setState(kStateRunning);
+    // A walk is marked running here, on the host's thread, before the worker
+    // and its demuxer exist, instead of after the demuxer's start: an end of
+    // file (or a stop) that comes while start is still returning can then
+    // never be overwritten by a late write of running. A fetch marks itself
+    // when its worker begins.
+    if (!fetchMode) setState(kStateRunning);
     try {
         worker.reset(new std::thread(&TessaloImpl::workerMain, this));
     } catch (const std::bad_alloc&) {
@@ -135,6 +136,8 @@ void TessaloImpl::workerMain() {
             return;
         }
         waitForIndex();
+    } else {
+        setState(kStateRunning);
     }
     // The walk arrives here stopped; a fetch runs once and stops itself.
     if (!isStopped() && fetchMode) {
