@@ -114,8 +114,9 @@ TEST(BadInputs, EachEndsInItsEventWithNothingWrittenOrLost) {
             EXPECT_NE(events.waitForAny({kHostEventPicDone, kHostEventFileError, kHostEventError}, 60s), -1);
             const EditRange range = {pts.front(), pts.back() + 500};
             const std::string out = dir + "/out.mp4";
-            if (TSL_CutFile(handle, input.path.c_str(), out.c_str(), &range, 1, nullptr, 0, kCutKindMp4))
+            if (TSL_CutFile(handle, input.path.c_str(), out.c_str(), &range, 1, nullptr, 0, kCutKindMp4)) {
                 EXPECT_NE(events.waitForAny({kHostEventCutDone, kHostEventCutFailed}, 60s), -1);
+            }
             TSL_CancelFile(handle);
         }
         TSL_DestoryTessalo(handle);

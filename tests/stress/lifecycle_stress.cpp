@@ -87,11 +87,13 @@ void checkOrder(const std::vector<int32_t>& log) {
                 if (!inRequest) return fail("PicReady outside a request", log);
                 break;
             case kHostEventNoPic:
-                if (!inRequest || i + 1 >= log.size() || log[i + 1] != kHostEventPicDone)
+                if (i + 1 >= log.size() || log[i + 1] != kHostEventPicDone)
                     return fail("NoPic not right before PicDone", log);
                 break;
             case kHostEventPicDone:
-                if (!inRequest) return fail("PicDone without PicStart", log);
+                // A request given up before its worker began ends with NoPic, PicDone and no PicStart.
+                if (!inRequest && (i == 0 || log[i - 1] != kHostEventNoPic))
+                    return fail("PicDone without PicStart or NoPic", log);
                 inRequest = false;
                 break;
             case kHostEventFileError:
