@@ -75,9 +75,12 @@ public:
                      std::string(width - filled, '.').c_str(), done, total, what);
         std::fflush(stderr);
     }
-    ~Progress() {
+    // Clears the bar, so that what follows starts on a clean line.
+    void finish() {
         if (shown) std::fprintf(stderr, "\r\033[K");
+        shown = false;
     }
+    ~Progress() { finish(); }
 
 private:
     size_t total;
@@ -218,6 +221,7 @@ int runThumbs(const Settings& s, const std::string& file, const ThumbOptions& o,
         thumbs.emplace_back(picture.pts, shrinkToWidth(image, o.thumbWidth));
         progress.step(thumbs.size());
     });
+    progress.finish();
 
     std::stable_sort(thumbs.begin(), thumbs.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     std::vector<Image> cells;
@@ -258,6 +262,7 @@ int runFrames(const Settings& s, const std::string& file, int64_t key, const std
         delivered.insert(picture.pts);
         progress.step(++written);
     });
+    progress.finish();
     out << "wrote " << written << " picture" << (written == 1 ? "" : "s") << " of the group at " << key << " ms to "
         << dir << "\n";
     const std::string trouble = pictureTrouble(run, file);
@@ -267,10 +272,15 @@ int runFrames(const Settings& s, const std::string& file, int64_t key, const std
         // The library feeds the decoder only the group's own samples; at the
         // end of a file the last pictures can stay inside the decoder.
         std::string missing;
-        for (const int64_t p : pts)
-            if (!delivered.count(p)) missing += (missing.empty() ? "" : ", ") + std::to_string(p);
+        size_t listed = 0, absent = 0;
+        for (const int64_t p : pts) {
+            if (delivered.count(p)) continue;
+            if (++absent <= 10) missing += (listed++ ? ", " : "") + std::to_string(p);
+        }
+        missing += " ms";
+        if (absent > listed) missing += " and " + std::to_string(absent - listed) + " more";
         std::cerr << "tessalo: warning: the library delivered " << written << " of " << pts.size()
-                  << " pictures of the group at " << key << " ms; missing " << missing << " ms"
+                  << " pictures of the group at " << key << " ms; missing " << missing
                   << (run.decodeErrors ? " (" + std::to_string(run.decodeErrors) + " samples failed to decode)" : "")
                   << "\n";
     }
