@@ -294,6 +294,22 @@ TEST(CutOrder, ReadsCrossTheBufferAndFailWhereTheyMust) {
     }
 }
 
+TEST(CutOrder, APositionBelowTheBufferFailsTheCutInsteadOfReadingOutsideIt) {
+    // The second audio frame is stored before everything the range opens on,
+    // so the refill would have to start below the buffer's first byte.
+    Harness h;
+    edittest::SyntheticSource source(h.dir + "/falling.bin");
+    source.addAudio(23, 150);  // stored first, but the second in time
+    for (int i = 0; i < 3; ++i) source.addVideo(40 * i, 40 * i, i == 0, 400);
+    source.addAudio(0, 150);
+    source.finish();
+    std::swap((*source.audio())[0], (*source.audio())[1]);
+    ASSERT_TRUE(h.editer.setFrameIndex(source.groups(), source.audio(), &kVideo, &kAudio));
+    EXPECT_FALSE(h.cutAndWait(source.path(), {{0, 1000}}));
+    EXPECT_EQ(h.events.count(kNotifyFailed), 1u);
+    EXPECT_EQ(track(MuxerRecorder::instance().writes(0), kTrackAudio).size(), 1u);
+}
+
 TEST(CutOrder, RangesAfterAnExhaustedListEndInOrder) {
     // The first range walks both lists to their ends; the second, out of order,
     // finds both exhausted and ends without writing, instead of waiting forever.
