@@ -70,6 +70,7 @@ TEST(CliUsage, BadArgumentsGiveStatusTwoAndTouchNothing) {
         {"cut " + main + " -o " + q(out) + " -r 1000", "START-END"},
         {"cut " + main + " -o " + q(out) + " -r 0-1000 --offset 900-100", "ends before it starts"},
         {"cut " + main + " -r 0-1000", "--output"},
+        {"cut " + main + " -o " + main + " -r 0-1000", "is the source file itself"},
         {"group " + main + " soon", "bad time 'soon'"},
         {"thumbs " + main + " --columns 0", "--columns"},
         {"explode " + main, ""},

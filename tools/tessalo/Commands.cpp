@@ -324,6 +324,9 @@ std::string failedCut(const Indexed& ix, const std::vector<TimeSpan>& ranges, co
 
 int runCut(const Settings& s, const std::string& file, const std::string& output, const std::vector<TimeSpan>& ranges,
            const std::vector<TimeSpan>& offsets, std::ostream& out) {
+    // The library opens the output for writing while it still reads the source.
+    std::error_code ec;
+    if (fs::equivalent(file, output, ec)) throw UsageError("the output " + output + " is the source file itself");
     Indexed ix(s, file);
     std::vector<EditRange> editRanges;
     for (const TimeSpan& r : ranges) editRanges.push_back({r.start, r.end});
