@@ -161,4 +161,23 @@ TEST_F(HostWalk, KeyTimestampQueriesEqualFfprobe) {
     }
 }
 
+TEST_F(HostWalk, TheNextFileTakesTheFormerIndexAwayFromTheCutEngine) {
+    const std::string source = tsltest::media("main.mp4");
+    const std::string output = tsltest::scratchDir() + "/cut.mp4";
+    const EditRange range{0, 1000};
+    const EditOffset offset{0, 0};
+    ASSERT_TRUE(TSL_StartPic(handle, source.c_str()));
+    ASSERT_TRUE(events.waitFor(kHostEventIndexReady));
+    ASSERT_TRUE(TSL_CutFile(handle, source.c_str(), output.c_str(), &range, 1, &offset, 1, kCutKindMp4))
+        << "after the walk the engine has the index";
+    ASSERT_NE(events.waitForAny({kHostEventCutDone, kHostEventCutFailed}), -1);
+    TSL_CancelFile(handle);
+
+    events.clear();
+    ASSERT_TRUE(TSL_StartPic(handle, tsltest::media("hevc.mp4").c_str()));
+    ASSERT_EQ(events.waitForAny(kWalkEnds), kHostEventBadCodec);
+    EXPECT_FALSE(TSL_CutFile(handle, source.c_str(), output.c_str(), &range, 1, &offset, 1, kCutKindMp4))
+        << "the refused file left no index, and the former one is gone";
+}
+
 }  // namespace
