@@ -151,6 +151,8 @@ int AVStreamParse::open(const char* source) {
         std::strncpy(path.get(), source, kParsePathSize - 1);
         path[kParsePathSize - 1] = '\0';
     }
+    // A second open would hand FFmpeg a context it already filled.
+    closeInput();
     int result = avformat_open_input(&formatContext, source, nullptr, nullptr);
     if (result == kMissingFile) {
         Log("AVStream", "Could not open input stream.ret=%d  stream path = %s, url is error \n", result,
