@@ -133,6 +133,9 @@ bool FileEditer::cut(const char* src, const char* dst, const EditRange* hostRang
     // A negative count is refused like 0: there is nothing to copy.
     if (!hostRanges || hostRangeCount <= 0 || !hasAudio || !hasVideo) return false;
     stopCut();
+    // Still a thread: this call came from the cut thread itself (inside the
+    // failure event), which can't be joined here; replacing it would abort.
+    if (cutThread) return false;
     // What a failed set-up left behind (a muxer, buffers) goes before anything
     // of the new job is made.
     releaseCut();
