@@ -154,36 +154,6 @@ TEST_F(FrameIndexTest, EmptyIndexAndForeignTimestampsGiveNothing) {
     EXPECT_EQ(instance.getPtsByKeyPts(0, nullptr), 0);
 }
 
-TEST_F(FrameIndexTest, NonKeyVideoWithoutAGroupIsDropped) {
-    feed({{40, false}, {80, false}});
-    EXPECT_TRUE(instance.keyGroups.empty());
-    EXPECT_TRUE(instance.sortedKeyGroups.empty());
-    feed({{120, true}, {160, false}});
-    ASSERT_EQ(instance.keyGroups.size(), 1u);
-    EXPECT_EQ(ptsOf(*instance.keyGroups[0]), (std::vector<int64_t>{120, 160}));
-}
-
-TEST_F(FrameIndexTest, AudioIsKeptUngroupedInArrivalOrder) {
-    DemuxerPacket packet{};
-    for (int i = 0; i < 3; ++i) {
-        packet.pts = packet.dts = 23 * (2 - i);
-        packet.key = true;
-        packet.pos = 500 + i;
-        packet.size = 107 + i;
-        EXPECT_EQ(TessaloImpl::onDemuxerPacket(kDemuxerPacketAudio, &packet, &instance), 1);
-    }
-    // A kind that is neither video nor audio is not indexed.
-    EXPECT_EQ(TessaloImpl::onDemuxerPacket(0, &packet, &instance), 1);
-    ASSERT_EQ(instance.audioFrames.size(), 3u);
-    EXPECT_EQ(instance.audioFrames[0]->pts, 46);
-    EXPECT_EQ(instance.audioFrames[2]->pts, 0);
-    EXPECT_EQ(instance.audioFrames[1]->size, 108);
-    EXPECT_EQ(instance.audioFrames[1]->position, 501);
-    EXPECT_TRUE(instance.keyGroups.empty());
-    instance.sortIndex();
-    EXPECT_EQ(instance.audioFrames[0]->pts, 46) << "audio is never reordered";
-}
-
 TEST_F(FrameIndexTest, ClearingEmptiesEveryListAndANewWalkStartsFresh) {
     feed({{0, true}, {40, false}, {80, true}});
     DemuxerPacket audio{};
@@ -193,7 +163,8 @@ TEST_F(FrameIndexTest, ClearingEmptiesEveryListAndANewWalkStartsFresh) {
     EXPECT_TRUE(instance.keyGroups.empty());
     EXPECT_TRUE(instance.sortedKeyGroups.empty());
     EXPECT_TRUE(instance.audioFrames.empty());
-    // A non-key sample now finds no group left over from the former file.
+    // A non-key sample now finds no group left over from the former file,
+    // and one with no group at all is dropped, not indexed loose.
     feed({{500, false}, {600, true}});
     ASSERT_EQ(instance.keyGroups.size(), 1u);
     EXPECT_EQ(ptsOf(*instance.keyGroups[0]), (std::vector<int64_t>{600}));
