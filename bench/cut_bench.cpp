@@ -170,6 +170,14 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    TessaloMediaInfo info{};
+    TSL_GetMediaInfo(handle, &info);
+    if (info.durationMs > 0 && info.durationMs < 510000.0) {
+        std::fprintf(stderr, "cut_bench: %s lasts %.0f s; the ranges need 510 s (bench/make_long_clip.sh makes 600)\n",
+                     clip.c_str(), info.durationMs / 1000.0);
+        return 1;
+    }
+
     // One warm-up of each, so that all of them read from the page cache.
     if (cutOnce(handle, events, clip, dir + "/ours_one.mp4", kOneRange) < 0 ||
         ffmpegOne(clip, dir + "/ref_one.mp4", kOneRange[0]) < 0 ||

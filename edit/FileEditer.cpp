@@ -14,6 +14,11 @@ namespace {
 
 FileMuxer* makeMpeg4Muxer() { return new (std::nothrow) MPEG4FileMuxer(); }
 
+// The engine whose cut thread this is, if any: lets a call that arrives on the
+// cut thread (from the failure notification) know itself without reading
+// cutThread, which the host's thread writes.
+thread_local const void* tCutThreadOf = nullptr;
+
 // Private copy of a track's extra data. False when the block can't be had;
 // the record is then left without extra data rather than with the caller's pointer.
 template <typename TrackInfo>
@@ -132,10 +137,13 @@ bool FileEditer::cut(const char* src, const char* dst, const EditRange* hostRang
                      const EditOffset* hostOffsets, int32_t hostOffsetCount, int32_t kind) {
     // A negative count is refused like 0: there is nothing to copy.
     if (!hostRanges || hostRangeCount <= 0 || !hasAudio || !hasVideo) return false;
+    // From the cut thread itself (inside the failure event) the running job
+    // can't be joined, and replacing its thread object would abort.
+    if (tCutThreadOf == this) {
+        setStop(true);
+        return false;
+    }
     stopCut();
-    // Still a thread: this call came from the cut thread itself (inside the
-    // failure event), which can't be joined here; replacing it would abort.
-    if (cutThread) return false;
     // What a failed set-up left behind (a muxer, buffers) goes before anything
     // of the new job is made.
     releaseCut();
@@ -222,6 +230,7 @@ bool FileEditer::cutMp4(const char* dst) {
 }
 
 void FileEditer::runCut() {
+    tCutThreadOf = this;
     int64_t audioTs = 0;
     int64_t videoPts = 0;
     int64_t videoDts = -86;
@@ -449,13 +458,16 @@ void FileEditer::onMuxComplete() {
 }
 
 void FileEditer::stopCut() {
+    // Called from the cut thread itself (a host calling back from the failure
+    // event), a join could never return: ask for the stop and let the next
+    // stopCut from another thread join it.
+    if (tCutThreadOf == this) {
+        setStop(true);
+        return;
+    }
     if (!cutThread) return;
     if (cutThread->joinable()) {
         setStop(true);
-        // Called from the cut thread itself (a host calling back from the
-        // failure event), a join could never return: ask for the stop and let
-        // the next stopCut from another thread join it.
-        if (cutThread->get_id() == std::this_thread::get_id()) return;
         cutThread->join();
     }
     cutThread.reset();

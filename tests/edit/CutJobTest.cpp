@@ -242,4 +242,43 @@ TEST_F(CutJob, AFileWithoutAudioFails) {
     EXPECT_FALSE(FileEditerTestAccess::holdsJobResources(editer));
 }
 
+// A host that ignores the rule and calls back in from the failure event, on the
+// cut thread: the engine can't join that thread there, so it neither hangs nor
+// replaces the running thread object; a later stop from another thread joins it.
+struct ReentrantHost {
+    static void notify(void* context, int32_t code) {
+        auto* self = static_cast<ReentrantHost*>(context);
+        if (code == kNotifyFailed) {
+            self->editer->stopCut();
+            const EditRange range = {0, 100};
+            self->secondCut = self->editer->cut(self->src.c_str(), self->dst.c_str(), &range, 1, nullptr, 0, 0);
+        }
+        self->events.record(code);
+    }
+    FileEditer* editer = nullptr;
+    std::string src, dst;
+    bool secondCut = true;
+    tsltest::EventRecorder events;
+};
+
+TEST_F(CutJob, CallsFromTheFailureNotificationNeitherHangNorAbort) {
+    edittest::SyntheticSource source(dir + "/video.bin");
+    for (int i = 0; i < 5; ++i) source.addVideo(40 * i, 40 * i, i == 0, 300);
+    source.finish();
+    ReentrantHost host;
+    FileEditer reentrant(&ReentrantHost::notify, &host);
+    FileEditerTestAccess::useMuxerFactory(reentrant, &MuxerRecorder::make);
+    host.editer = &reentrant;
+    host.src = source.path();
+    host.dst = dir + "/again.mp4";
+    ASSERT_TRUE(reentrant.setFrameIndex(source.groups(), source.audio(), &video, &kAudio));
+    const EditRange range = {0, 1000};
+    ASSERT_TRUE(reentrant.cut(source.path().c_str(), (dir + "/out.mp4").c_str(), &range, 1, nullptr, 0, 0));
+    ASSERT_TRUE(host.events.waitFor(kNotifyFailed));
+    reentrant.stopCut();
+    EXPECT_FALSE(host.secondCut);
+    EXPECT_FALSE(FileEditerTestAccess::hasThread(reentrant));
+    EXPECT_EQ(MuxerRecorder::instance().muxerCount(), 1u);
+}
+
 }  // namespace

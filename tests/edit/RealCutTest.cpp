@@ -256,6 +256,26 @@ TEST_P(RealCut, OutputDecodesAndHoldsWhatTheIndexPredicts) {
     EXPECT_EQ(tsltest::fileMd5(src), md5Before);
 }
 
+TEST(RealCutSetUp, AnOutputThatCannotBeOpenedFailsAndTheNextCutStillWorks) {
+    const std::string dir = tsltest::scratchDir();
+    const std::string src = tsltest::media("main.mp4");
+    ProbedIndex index(src);
+    Host host;
+    ASSERT_TRUE(host.editer.setFrameIndex(&index.groups, &index.audio, &index.video, &index.audioInfo));
+    const EditRange range = {1000, 2000};
+    // The writer refuses the path; what it left is released by the next cut.
+    EXPECT_FALSE(host.editer.cut(src.c_str(), (dir + "/missing/out.mp4").c_str(), &range, 1, nullptr, 0, 0));
+    EXPECT_FALSE(host.editer.cut(src.c_str(), (dir + "/out.unknownext").c_str(), &range, 1, nullptr, 0, 0));
+    const std::string out = dir + "/out.mp4";
+    ASSERT_TRUE(host.editer.cut(src.c_str(), out.c_str(), &range, 1, nullptr, 0, 0));
+    ASSERT_TRUE(host.events.waitFor(kNotifyDone));
+    host.editer.stopCut();
+    EXPECT_EQ(host.events.events(), std::vector<int32_t>{kNotifyDone});
+    int status = -1;
+    EXPECT_EQ(tsltest::run("ffmpeg -nostdin -v error -i " + tsltest::shellQuote(out) + " -f null - 2>&1", &status), "");
+    EXPECT_EQ(status, 0);
+}
+
 // Ranges after the first end on a key frame or run to the end. The closing rule
 // adds its 86 ms only while videoDts + 86 >= videoPts; a second range that ends
 // on a B-frame carries a larger pts lead and misses it, so the next range's key
