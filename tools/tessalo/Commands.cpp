@@ -396,13 +396,15 @@ int runDemo(const Settings& s, const std::string& dir, std::ostream& out) {
     out << "\n== tessalo thumbs " << clip << " -o " << thumbs.dir << " --sheet " << thumbs.sheet << " --columns 5\n";
     runThumbs(plain, clip, thumbs, out);
     const std::string cut = joinPath(dir, "cut.mp4");
-    out << "\n== tessalo cut " << clip << " -o " << cut << " -r 2000-3999 -r 00:00:06.000-00:00:07.999 --offset 2500-3500\n";
-    runCut(plain, clip, cut, {{2000, 3999}, {6000, 7999}}, {{2500, 3500}}, out);
+    // A start just after a key keeps the cut on that key: the output holds
+    // seconds 2 to 4 and 6 to 8 of the clip.
+    out << "\n== tessalo cut " << clip << " -o " << cut << " -r 2040-3999 -r 00:00:06.040-00:00:07.999 --offset 2500-3500\n";
+    runCut(plain, clip, cut, {{2040, 3999}, {6040, 7999}}, {{2500, 3500}}, out);
     out << "\nmade in " << dir << ":\n"
         << "  demo.mp4    the sample clip\n"
         << "  thumbs/     one PNG per key picture\n"
         << "  sheet.png   the contact sheet\n"
-        << "  cut.mp4     the two ranges one behind the other, each from the key frame it opens on\n";
+        << "  cut.mp4     seconds 2-4 and 6-8 of the clip, one behind the other\n";
     return 0;
 }
 
