@@ -58,6 +58,24 @@ TEST(CliThumbs, OnePngPerKeyAndASheetSizedByItsColumns) {
     clitest::pngRgb(dir + "/c2/" + expected[1], &w, &h);
     EXPECT_EQ(w, 320);
     EXPECT_EQ(h, 240);
+
+    // Each picture has its timestamp printed in light dots under it; the
+    // empty sixth cell of the two-column sheet has none.
+    const auto sheet = clitest::pngRgb(dir + "/c2/sheet.png", &w, &h);
+    ASSERT_EQ(sheet.size(), static_cast<size_t>(w) * h * 3);
+    const auto lightDots = [&](int row, int column) {
+        int n = 0;
+        const int left = margin + column * (thumbW + margin), top = margin + row * (thumbH + band + margin) + thumbH;
+        for (int y = top; y < top + band; ++y)
+            for (int x = left; x < left + thumbW; ++x) {
+                const uint8_t* p = &sheet[(static_cast<size_t>(y) * w + x) * 3];
+                n += p[0] > 200 && p[1] > 200 && p[2] > 200;
+            }
+        return n;
+    };
+    EXPECT_GT(lightDots(0, 0), 40);
+    EXPECT_GT(lightDots(2, 0), 40);
+    EXPECT_EQ(lightDots(2, 1), 0);
 }
 
 TEST(CliThumbs, PicturesStandUprightInTheirOwnColours) {
