@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "instance/ProbeIndex.h"
+#include "support/ProbeIndex.h"
 #include "support/TestSupport.h"
 #include "tessalo.h"
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <sstream>
 
-#include "instance/ProbeIndex.h"
+#include "support/ProbeIndex.h"
 #include "support/TestSupport.h"
 #include "tessalo.h"
 
