@@ -1,0 +1,291 @@
+// FileMuxer's states, MPEG4FileMuxer's refusals and writing thread; ffprobe/ffmpeg judge the files.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "FixtureSamples.h"
+#include "base/Results.h"
+#include "mux/MPEG4FileMuxer.h"
+#include "mux/MPEG4MuxerThread.h"
+#include "support/TestSupport.h"
+
+namespace {
+
+using Written = std::pair<int, int64_t>;  // stream, dts in ms
+const char kDeduceFailed[] = "Could not deduce output format from file extension.\n";
+const char kCounts[] = "-count_packets -show_entries stream=codec_type,nb_read_packets";
+
+std::string printed(const std::function<void()>& call) {
+    testing::internal::CaptureStdout();
+    call();
+    return testing::internal::GetCapturedStdout();
+}
+
+std::string probe(const std::string& path, const std::string& args, int* status = nullptr) {
+    return tsltest::run("ffprobe -v error " + args + " -of csv=p=0 " + tsltest::shellQuote(path), status);
+}
+
+std::vector<int64_t> dtsMs(const std::string& path, const char* streams) {
+    int status = -1;
+    std::vector<int64_t> out;
+    std::istringstream in(probe(path, std::string("-select_streams ") + streams + " -show_entries packet=dts_time", &status));
+    EXPECT_EQ(0, status);  // the file opens
+    for (std::string line; std::getline(in, line);) out.push_back(std::llround(std::stod(line) * 1000));
+    return out;
+}
+
+// "K"/"_" per sample of stream `index` from the sync-sample table (packet flags are redone by a parser).
+std::string keyFlags(const std::string& path, int index) {
+    const std::string text = tsltest::run("ffprobe -v trace " + tsltest::shellQuote(path) + " 2>&1");
+    const std::regex entry("AVIndex stream " + std::to_string(index) + ", .*keyframe ([01])");
+    std::string out;
+    for (std::sregex_iterator at(text.begin(), text.end(), entry), end; at != end; ++at) out += (*at)[1] == "1" ? 'K' : '_';
+    return out;
+}
+
+void expectDecodes(const std::string& path) {
+    int status = -1;
+    EXPECT_EQ("", tsltest::run("ffmpeg -nostdin -v error -i " + tsltest::shellQuote(path) + " -f null - 2>&1", &status));
+    EXPECT_EQ(0, status);
+}
+
+muxfixture::Clip& mainClip() {
+    static muxfixture::Clip clip;
+    static const std::string error = muxfixture::readClip(tsltest::media("main.mp4"), &clip);
+    EXPECT_EQ("", error);
+    return clip;
+}
+
+// A muxer with main.mp4's tracks, a notify that counts, a log of what reached av_interleaved_write_frame.
+struct Session : FileMuxerNotify {
+    explicit Session(std::string path) : path(std::move(path)) {
+        muxer.setNotify(this);
+        setMuxWriteObserver(&Session::observe, this);
+    }
+    ~Session() { setMuxWriteObserver(nullptr, nullptr); }
+    void start(bool audio = true, bool video = true) {
+        AudioTrackInfo audioInfo = clip.audioInfo();
+        VideoTrackInfo videoInfo = clip.videoInfo();
+        ASSERT_EQ(kOk, muxer.setOutputFile(path.c_str()));
+        ASSERT_EQ(kOk, audio ? muxer.addAudioTrack(&audioInfo) : kOk);
+        ASSERT_EQ(kOk, video ? muxer.addVideoTrack(&videoInfo) : kOk);
+        ASSERT_EQ(kOk, muxer.start());
+    }
+    // The n-th real sample of a track, sent at `dts`.
+    int32_t send(int32_t track, int64_t dts, size_t n = 0) {
+        n %= track == kTrackAudio ? clip.audioCount : clip.videoCount;
+        for (const muxfixture::Sample& s : clip.samples)
+            if (s.track == track && n-- == 0)
+                return muxer.WriteSampleData(s.bytes.data(), int32_t(s.bytes.size()), track, dts, dts, s.flags);
+        return -1;
+    }
+    void stop() {
+        ASSERT_EQ(kOk, muxer.stop());
+        EXPECT_EQ(1, muxer.state);
+        EXPECT_EQ(1, calls.load());
+        EXPECT_FALSE(lockHeld.load());
+    }
+    std::vector<Written> written() { std::lock_guard<std::mutex> lock(mutex); return log; }
+    void onMuxComplete() override {  // must come with both ring mutexes free
+        for (pthread_mutex_t* ring : {&muxer.audioMutex, &muxer.videoMutex})
+            pthread_mutex_trylock(ring) == 0 ? void(pthread_mutex_unlock(ring)) : void(lockHeld = true);
+        ++calls;
+    }
+    static void observe(void* user, const AVPacket* p) {  // null: a flush of the interleaving queue
+        auto* self = static_cast<Session*>(user);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        const AVRational tb = p ? self->muxer.formatContext->streams[p->stream_index]->time_base : AVRational{1, 1};
+        if (p) self->log.emplace_back(p->stream_index, av_rescale_q(p->dts, tb, {1, 1000}));
+    }
+    const std::string path;
+    muxfixture::Clip& clip = mainClip();
+    std::mutex mutex;
+    std::vector<Written> log;
+    std::atomic<int> calls{0};
+    std::atomic<bool> lockHeld{false};
+    MPEG4FileMuxer muxer;
+};
+
+TEST(FileMuxerBase, StatesAndTheirComplaints) {
+    FileMuxer m;  // state 0 until an implementation finishes constructing
+    uint8_t byte = 0;
+    VideoTrackInfo video{};
+    AudioTrackInfo audio{};
+    // What a call prints (a line feed only after the video message), returns, and leaves as state.
+    const auto step = [&](const char* text, int32_t result, int32_t state, const std::function<int32_t()>& call) {
+        EXPECT_EQ(text, printed([&] { EXPECT_EQ(result, call()); }));
+        EXPECT_EQ(state, m.state);
+    };
+    const auto start = [&] { return m.start(); };
+    const auto stop = [&] { return m.stop(); };
+    const auto write = [&] { return m.WriteSampleData(&byte, 1, kTrackVideo, 0, 0, 0); };
+    step("start() is called in invalid state 0", kErrInvalidState, 0, start);
+    m.state = 1;
+    step("stop() is called in invalid state 1", kErrInvalidState, 1, stop);
+    step("WriteSampleData() is called in invalid state 1", kErrInvalidState, 1, write);
+    step("", kOk, 1, [&] { return m.setOutputFile("x.mp4") | m.addAudioTrack(&audio) | m.addVideoTrack(&video); });
+    step("", kOk, 2, start);
+    step("", kOk, 2, write);
+    step("start() is called in invalid state 2", kErrInvalidState, 2, start);
+    step("addVideoTrack() must be called after constructor and before start().\n", kErrInvalidState, 2,
+         [&] { return m.addVideoTrack(&video); });
+    step("addAudioTrack() must be called after constructor and before start().", kErrInvalidState, 2,
+         [&] { return m.addAudioTrack(&audio); });
+    step("", kOk, 3, stop);
+    step("stop() is called in invalid state 3", kErrInvalidState, 3, stop);
+}
+
+// All of main.mp4 into each container a name picks, directly or by its last three bytes.
+TEST(Mux, WholeFixtureIntoEveryContainer) {
+    const std::string dir = tsltest::scratchDir(), source = tsltest::media("main.mp4");
+    const std::string counts = probe(source, kCounts + std::string(" -select_streams a")) +
+                               probe(source, kCounts + std::string(" -select_streams v"));
+    const std::string keys = keyFlags(source, 0);
+    ASSERT_TRUE(keys.find('K') != std::string::npos && keys.find('_') != std::string::npos);
+    const struct {
+        const char *name, *printed, *format;
+    } cases[] = {{"out.mp4", "", "mp4"}, {"out.mov", "", "mov"}, {"out.3gp", "", "3gp"},
+                 {"out_mp4", kDeduceFailed, "mp4"}, {"out.xmov", kDeduceFailed, "mov"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Session r(dir + "/" + c.name);
+        EXPECT_EQ(c.printed, printed([&] { r.start(); }));
+        EXPECT_STREQ(c.format, r.muxer.outputFormat ? r.muxer.outputFormat->name : "");
+        for (const muxfixture::Sample& s : r.clip.samples)
+            ASSERT_EQ(kOk, r.muxer.WriteSampleData(s.bytes.data(), int32_t(s.bytes.size()), s.track, s.pts, s.dts, s.flags));
+        r.stop();
+        expectDecodes(r.path);
+        EXPECT_EQ(counts, probe(r.path, kCounts));
+        EXPECT_EQ(keys, keyFlags(r.path, 1));
+    }
+}
+
+TEST(Mux, Refusals) {
+    const std::string dir = tsltest::scratchDir();
+    for (const char* name : {"a.xyz", "a_MP4"}) {  // the fallback is exact and in lower case
+        MPEG4FileMuxer muxer;
+        const std::string bad = dir + "/" + name;
+        EXPECT_EQ(std::string(kDeduceFailed) + "unsupported file format!",
+                  printed([&] { EXPECT_EQ(kErrUnsupported, muxer.setOutputFile(bad.c_str())); }));
+        EXPECT_FALSE(std::filesystem::exists(bad));
+    }
+    Session r(dir + "/out.mp4");
+    ASSERT_EQ(kOk, r.muxer.setOutputFile(r.path.c_str()));
+    VideoTrackInfo video = r.clip.videoInfo();
+    AudioTrackInfo audio = r.clip.audioInfo();
+    video.codecType = audio.codecType = 2;
+    EXPECT_EQ(kErrNotFound, r.muxer.addVideoTrack(&video));
+    EXPECT_EQ(kErrNotFound, r.muxer.addAudioTrack(&audio));
+    audio.codecType = 1;
+    audio.sampleBits = 24;
+    EXPECT_EQ(kErrInvalidArgument, r.muxer.addAudioTrack(&audio));
+    // No track: start refuses before any header and leaves state 3.
+    EXPECT_EQ("", printed([&] { EXPECT_EQ(kErrInvalidState, r.muxer.start()); }));
+    EXPECT_EQ(3, r.muxer.state);
+    EXPECT_EQ(0u, std::filesystem::file_size(r.path));
+    EXPECT_EQ(0, r.calls.load());
+}
+
+// Per track: a lower dts is refused, and not stored, only while the last one is above 0.
+TEST(Mux, DtsMustNotGoBack) {
+    Session r(tsltest::scratchDir() + "/out.mp4");
+    r.start();  // video alone on a two-track file stays in its ring
+    EXPECT_EQ(kOk, r.send(kTrackVideo, 100));
+    EXPECT_EQ(kErrInvalidArgument, r.send(kTrackVideo, 50));
+    EXPECT_EQ(kErrInvalidArgument, r.send(kTrackVideo, 80));  // the last dts is still 100
+    EXPECT_EQ(kOk, r.send(kTrackVideo, 100));
+    for (int64_t dts : {-23, -40, 0, -10, 5}) EXPECT_EQ(kOk, r.send(kTrackAudio, dts));
+    EXPECT_EQ(kErrInvalidArgument, r.send(kTrackAudio, 4));
+    r.stop();
+    const std::vector<Written> log = r.written();  // rebased on the audio head, -23
+    EXPECT_EQ(2, std::count(log.begin(), log.end(), Written{kTrackVideo, 123}));
+    EXPECT_EQ(2, std::count_if(log.begin(), log.end(), [](const Written& w) { return w.first == kTrackVideo; }));
+}
+
+// 524288 bytes is the largest video sample that fits a ring element.
+TEST(Mux, OversizeVideoSampleNeverReachesTheFile) {
+    Session r(tsltest::scratchDir() + "/out.mp4");
+    std::vector<uint8_t> big = r.clip.samples[0].bytes;  // a key frame, padded by a filler NAL unit
+    big.insert(big.end(), {0, 0, 1, 0x0C});
+    big.resize(524289, 0xFF);
+    r.start(false, true);
+    EXPECT_EQ(kErrBufferTooSmall, r.muxer.WriteSampleData(big.data(), 524289, kTrackVideo, 0, 0, kSampleFlagVideoKey));
+    EXPECT_EQ(kOk, r.muxer.WriteSampleData(big.data(), 524288, kTrackVideo, 0, 0, kSampleFlagVideoKey));
+    r.stop();
+    EXPECT_EQ("video,1\n", probe(r.path, kCounts));
+    expectDecodes(r.path);
+}
+
+// With the thread held, 200 video samples fill the ring; the 201st returns only after a write.
+TEST(Mux, FullRingBlocksUntilTheThreadHasWrittenOne) {
+    Session r(tsltest::scratchDir() + "/out.mp4");
+    r.start();
+    pthread_mutex_lock(&r.muxer.audioMutex);  // the thread takes this one first
+    std::atomic<int> returned{0};
+    std::atomic<size_t> writesWhenLastReturned{0};
+    std::thread caller([&] {
+        for (int i = 0; i < 201 && r.send(kTrackVideo, i * 40, i) == kOk; ++i, ++returned)
+            if (i == 200) writesWhenLastReturned = r.written().size();
+    });
+    for (int i = 0; returned < 200 && i < 10000; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(200, returned.load()) << "the 201st sample did not wait for room";
+    EXPECT_TRUE(r.written().empty());
+    pthread_mutex_unlock(&r.muxer.audioMutex);
+    caller.join();
+    EXPECT_EQ(201, returned.load());
+    EXPECT_GE(writesWhenLastReturned.load(), 1u);
+    r.stop();
+    EXPECT_EQ("video,201\n", probe(r.path, kCounts));
+}
+
+// Audio alone on a two-track file is held back until its ring is full.
+TEST(Mux, LoneAudioWaitsForAFullRing) {
+    Session r(tsltest::scratchDir() + "/out.mp4");
+    r.start();
+    for (int i = 0; i < 299; ++i) ASSERT_EQ(kOk, r.send(kTrackAudio, i * 23, i));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(r.written().empty());
+    ASSERT_EQ(kOk, r.send(kTrackAudio, 299 * 23, 299));
+    for (int i = 0; i < 1000 && r.written().empty(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ((std::vector<Written>{{0, 0}}), r.written());
+    r.stop();
+    EXPECT_EQ("audio,300\n", probe(r.path, kCounts));
+}
+
+// The lower dts goes first, a tie to video; the file starts at the lower first head.
+TEST(Mux, WriteOrderAndTimeline) {
+    const std::string dir = tsltest::scratchDir();
+    const struct {
+        std::vector<std::pair<int32_t, int64_t>> sent;  // track, dts
+        std::vector<Written> written;
+    } cases[] = {
+        {{{kTrackVideo, 0}, {kTrackAudio, 0}, {kTrackAudio, 23}, {kTrackVideo, 40}, {kTrackAudio, 46}},
+         {{1, 0}, {0, 0}, {0, 23}, {1, 40}, {0, 46}}},
+        {{{kTrackVideo, 1040}, {kTrackAudio, 1000}}, {{0, 0}, {1, 40}}},
+        {{{kTrackAudio, 5000}}, {{0, 0}}},  // a single sample, then stop
+        {{}, {}},                           // no samples: header and trailer all the same
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.sent.size());
+        Session r(dir + "/" + std::to_string(c.sent.size()) + ".mp4");
+        r.start();
+        for (size_t n = 0; n < c.sent.size(); ++n) ASSERT_EQ(kOk, r.send(c.sent[n].first, c.sent[n].second, n));
+        r.stop();
+        EXPECT_EQ(c.written, r.written());
+        std::vector<int64_t> audioDts, videoDts;
+        for (auto [stream, dts] : c.written) (stream ? videoDts : audioDts).push_back(dts);
+        EXPECT_EQ(audioDts, dtsMs(r.path, "a"));
+        EXPECT_EQ(videoDts, dtsMs(r.path, "v"));
+    }
+}
+
+}  // namespace
