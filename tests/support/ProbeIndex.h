@@ -10,8 +10,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
-#include <unistd.h>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "support/TestSupport.h"
@@ -49,46 +50,11 @@ struct ProbeIndex {
     }
 };
 
-// Objects of a pretty-printed ffprobe JSON array, one map of scalar fields
-// per element of the named array; nested objects (side data) are skipped.
-inline std::vector<std::map<std::string, std::string>> probeObjects(const std::string& json, const std::string& array) {
-    std::vector<std::map<std::string, std::string>> out;
-    const size_t start = json.find("\"" + array + "\"");
-    if (start == std::string::npos) return out;
-    int depth = 0;  // relative to the array's elements
-    size_t i = json.find('[', start);
-    if (i == std::string::npos) return out;
-    size_t lineStart = i + 1;
-    while (lineStart < json.size()) {
-        size_t lineEnd = json.find('\n', lineStart);
-        if (lineEnd == std::string::npos) lineEnd = json.size();
-        std::string line = json.substr(lineStart, lineEnd - lineStart);
-        lineStart = lineEnd + 1;
-        const size_t first = line.find_first_not_of(" \t");
-        if (first == std::string::npos) continue;
-        line = line.substr(first);
-        if (line[0] == ']' && depth == 0) break;
-        if (line[0] == '{') {
-            if (++depth == 1) out.emplace_back();
-            continue;
-        }
-        if (line[0] == '}') {
-            --depth;
-            continue;
-        }
-        if (depth != 1 || line[0] != '"') continue;
-        const size_t keyEnd = line.find('"', 1);
-        const size_t colon = line.find(':', keyEnd);
-        if (keyEnd == std::string::npos || colon == std::string::npos) continue;
-        std::string value = line.substr(colon + 1);
-        while (!value.empty() && (value.back() == ',' || value.back() == ' ' || value.back() == '\r')) value.pop_back();
-        const size_t v = value.find_first_not_of(' ');
-        value = v == std::string::npos ? "" : value.substr(v);
-        if (value.size() >= 2 && value.front() == '"') value = value.substr(1, value.size() - 2);
-        if (value == "[") continue;  // an array of objects (side data) follows; its braces are tracked above
-        out.back()[line.substr(1, keyEnd - 1)] = value;
-    }
-    return out;
+// A field of ffprobe's JSON that may be printed as a number or a string.
+inline int64_t probeNumber(const nlohmann::json& object, const char* key, int64_t absent) {
+    if (!object.contains(key)) return absent;
+    const nlohmann::json& v = object[key];
+    return v.is_string() ? std::stoll(v.get<std::string>()) : v.get<int64_t>();
 }
 
 inline ProbeIndex probeIndex(const std::string& file) {
@@ -105,10 +71,11 @@ inline ProbeIndex probeIndex(const std::string& file) {
     std::map<int, std::pair<int64_t, int64_t>> timeBase;  // stream -> (num, den)
     std::map<int, std::string> kind;
     int firstAudio = -1;
-    for (auto& s : probeObjects(streamsJson, "streams")) {
-        const int id = std::stoi(s["index"]);
-        kind[id] = s["codec_type"];
-        const std::string tb = s["time_base"];
+    const nlohmann::json streams = nlohmann::json::parse(streamsJson), packets = nlohmann::json::parse(packetsJson);
+    for (const auto& s : streams["streams"]) {
+        const int id = s["index"].get<int>();
+        kind[id] = s["codec_type"].get<std::string>();
+        const std::string tb = s["time_base"].get<std::string>();
         const size_t slash = tb.find('/');
         timeBase[id] = {std::stoll(tb.substr(0, slash)), std::stoll(tb.substr(slash + 1))};
         if (firstAudio < 0 && kind[id] == "audio") firstAudio = id;
@@ -123,15 +90,15 @@ inline ProbeIndex probeIndex(const std::string& file) {
     bool keySeen = false;
     bool videoBases = false, audioBase = false;
     int64_t videoPtsBase = 0, videoDtsBase = 0, audioPtsBase = 0;
-    for (auto& p : probeObjects(packetsJson, "packets")) {
-        const int stream = std::stoi(p["stream_index"]);
-        const int64_t dts = p.count("dts") ? std::stoll(p["dts"]) : 0;
-        const int64_t pts = p.count("pts") ? std::stoll(p["pts"]) : dts;
-        const std::string flags = p["flags"];
+    for (const auto& p : packets["packets"]) {
+        const int stream = static_cast<int>(probeNumber(p, "stream_index", -1));
+        const int64_t dts = probeNumber(p, "dts", 0);
+        const int64_t pts = probeNumber(p, "pts", dts);
+        const std::string flags = p.value("flags", std::string());
         const bool anyFlag = flags.find_first_not_of('_') != std::string::npos;
         ProbeRecord r;
-        r.size = std::stoi(p["size"]);
-        r.position = p.count("pos") ? std::stoll(p["pos"]) : -1;
+        r.size = static_cast<int32_t>(probeNumber(p, "size", 0));
+        r.position = probeNumber(p, "pos", -1);
         r.isKey = anyFlag;
         if (kind[stream] == "video") {
             if (!keySeen) {
