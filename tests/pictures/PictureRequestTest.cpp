@@ -3,285 +3,272 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <mutex>
 #include <sstream>
 
-#include "PictureHost.h"
-#include "support/TestSupport.h"
+#include "support/FfprobeJson.h"
 #include "tessalo.h"
 
 namespace {
 
 using Events = std::vector<int32_t>;
+const Events kOnePicture{kHostEventPicStart, kHostEventPicReady, kHostEventPicDone};
 
-size_t countOf(const Events& e, int32_t event) { return static_cast<size_t>(std::count(e.begin(), e.end(), event)); }
-
-// Position of `pts` in the file's presentation order.
-size_t placeOf(const std::vector<int64_t>& all, int64_t pts) {
-    return static_cast<size_t>(std::find(all.begin(), all.end(), pts) - all.begin());
-}
-
-class MainFile : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(host.index(tsltest::media("main.mp4")));
-        keys = host.keyPts();
-        all = host.allPts();
-        ASSERT_EQ(keys.size(), 5u);
-    }
-    PictureHost host;
-    std::vector<int64_t> keys;
-    std::vector<int64_t> all;
+struct Picture {
+    int64_t pts = 0;
+    uint8_t key = 0;
+    std::vector<uint8_t> bytes;
 };
 
-}  // namespace
-
-TEST_F(MainFile, KeyModeGivesEveryKeyPictureOnce) {
-    const std::vector<std::string> want = ffmpegFrameMd5(tsltest::media("main.mp4"), true);
-    ASSERT_EQ(want.size(), keys.size());
-    Events e = host.request(keys);
-    ASSERT_FALSE(e.empty());
-    EXPECT_EQ(e.front(), kHostEventPicStart);
-    EXPECT_EQ(e.back(), kHostEventPicDone);
-    EXPECT_EQ(countOf(e, kHostEventNoPic), 0u);
-    EXPECT_EQ(countOf(e, kHostEventDecodeError), 0u);
-    std::vector<DeliveredPicture> pics = host.pictures();
-    ASSERT_EQ(pics.size(), keys.size());
-    for (size_t i = 0; i < pics.size(); ++i) {
-        EXPECT_EQ(pics[i].pts, keys[i]) << "picture " << i;
-        EXPECT_EQ(pics[i].key, 1) << "picture " << i;
-        EXPECT_EQ(pics[i].size, 320 * 240 * 3 / 2);
-        EXPECT_EQ(pics[i].md5, want[i]) << "picture " << i;
+// Indexes a file through the exports and, inside each kHostEventPicReady,
+// takes the picture as a real host would. `seen` and `pictures` are read once
+// a wait has found the events complete.
+class Host {
+public:
+    Host() : handle(TSL_CreateTessalo(this, &Host::callback)) {}
+    ~Host() { TSL_DestoryTessalo(handle); }
+    bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, timeout, done);
     }
-}
-
-TEST_F(MainFile, OneKeyTimestampAlone) {
-    const std::vector<std::string> want = ffmpegFrameMd5(tsltest::media("main.mp4"), true);
-    for (size_t k : {size_t(0), size_t(2), keys.size() - 1}) {
-        Events e = host.request({keys[k]});
-        EXPECT_EQ(e, (Events{kHostEventPicStart, kHostEventPicReady, kHostEventPicDone})) << "key " << k;
-        std::vector<DeliveredPicture> pics = host.pictures();
-        ASSERT_EQ(pics.size(), 1u);
-        EXPECT_EQ(pics[0].pts, keys[k]);
-        EXPECT_EQ(pics[0].key, 1);
-        EXPECT_EQ(pics[0].md5, want[k]) << "key " << k;
+    size_t count(int32_t event) const { return std::count(seen.begin(), seen.end(), event); }
+    bool index(const std::string& path) {
+        clear();
+        return TSL_StartPic(handle, path.c_str()) &&
+               waitFor([&] { return count(kHostEventMediaInfo) < seen.size(); }) &&  // the index or a failure
+               count(kHostEventIndexReady) == 1;
     }
-}
-
-TEST_F(MainFile, RunModeDeliversAWholeGroupInOrder) {
-    const std::vector<std::string> want = ffmpegFrameMd5(tsltest::media("main.mp4"), false);
-    ASSERT_EQ(want.size(), all.size());
-    const std::vector<int64_t> group = host.groupPts(keys[1]);
-    ASSERT_GT(group.size(), 2u);
-    Events e = host.request(group);
-    EXPECT_EQ(e.front(), kHostEventPicStart);
-    EXPECT_EQ(e.back(), kHostEventPicDone);
-    std::vector<DeliveredPicture> pics = host.pictures();
-    ASSERT_EQ(pics.size(), group.size());
-    const size_t first = placeOf(all, group[0]);
-    for (size_t i = 0; i < pics.size(); ++i) {
-        EXPECT_EQ(pics[i].pts, group[i]) << "picture " << i;
-        EXPECT_EQ(pics[i].md5, want[first + i]) << "picture " << i;
+    bool send(const std::vector<int64_t>& pts) {
+        return TSL_GetPicByPts(handle, pts.data(), static_cast<int32_t>(pts.size()));
     }
-    EXPECT_EQ(pics[0].key, 1);
-}
-
-TEST_F(MainFile, LastGroupInRunModeEndsShort) {
-    const std::vector<std::string> want = ffmpegFrameMd5(tsltest::media("main.mp4"), false);
-    const std::vector<int64_t> group = host.groupPts(keys.back());
-    Events e = host.request(group);
-    EXPECT_EQ(e.front(), kHostEventPicStart);
-    EXPECT_EQ(e.back(), kHostEventPicDone);
-    EXPECT_EQ(countOf(e, kHostEventNoPic), 0u);
-    std::vector<DeliveredPicture> pics = host.pictures();
-    // Nothing flushes the decoder: the pictures it still holds never come.
-    EXPECT_GT(pics.size(), 0u);
-    EXPECT_LT(pics.size(), group.size());
-    const size_t first = placeOf(all, group[0]);
-    for (size_t i = 0; i < pics.size(); ++i) {
-        EXPECT_EQ(pics[i].pts, group[i]);
-        EXPECT_EQ(pics[i].md5, want[first + i]) << "picture " << i;
+    // Sends a request and waits for its end: its events, from PicStart on.
+    Events request(const std::vector<int64_t>& pts) {
+        clear();
+        if (!send(pts)) return {};
+        waitFor([&] { return count(kHostEventPicDone) + count(kHostEventError) + count(kHostEventFileError) > 0; });
+        return seen;
     }
-}
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.clear();
+        pictures.clear();
+    }
+    std::vector<int64_t> keyPts() {
+        std::vector<int64_t> out(std::max(TSL_GetKeyPtsCount(handle), 0));
+        return out.resize(std::max(TSL_GetKeyPts(handle, out.data()), 0)), out;
+    }
+    std::vector<int64_t> groupPts(int64_t key) {
+        std::vector<int64_t> out(std::max(TSL_GetPtsCountByKeyPts(handle, key), 0));
+        return out.resize(std::max(TSL_GetPtsByKeyPts(handle, key, out.data()), 0)), out;
+    }
+    // Every timestamp of the file in presentation order, group after group.
+    std::vector<int64_t> allPts() {
+        std::vector<int64_t> all;
+        for (int64_t key : keyPts())
+            for (int64_t pts : groupPts(key)) all.push_back(pts);
+        return all;
+    }
 
-TEST_F(MainFile, RefusedRequests) {
-    // A timestamp that is no key sample's, asked alone.
-    ASSERT_GT(all.size(), 2u);
-    EXPECT_EQ(host.request({all[1]}), (Events{kHostEventPicStart, kHostEventError}));
-    EXPECT_EQ(host.request({-5}), (Events{kHostEventPicStart, kHostEventError}));
-    // The instance still serves the next request.
-    EXPECT_EQ(host.request({keys[0]}), (Events{kHostEventPicStart, kHostEventPicReady, kHostEventPicDone}));
-}
+    void* handle;
+    Events seen;
+    std::vector<Picture> pictures;
 
-TEST_F(MainFile, NewRequestGivesUpTheOld) {
-    for (int round = 0; round < 3; ++round) {
-        host.clear();
-        ASSERT_TRUE(host.send(all));
-        ASSERT_TRUE(host.send({keys[1]}));
-        ASSERT_TRUE(host.waitFor(kHostEventPicDone, 2));
-        Events e = host.events();
-        // First request: PicStart ... [NoPic] PicDone, where a stop that
-        // comes before the worker began skips even its PicStart; then the
-        // second request whole.
-        ASSERT_GE(e.size(), 5u);
-        EXPECT_TRUE(e[0] == kHostEventPicStart || e[0] == kHostEventNoPic) << e[0];
-        auto firstDone = std::find(e.begin(), e.end(), kHostEventPicDone);
-        ASSERT_NE(firstDone, e.end());
-        Events first(e.begin(), firstDone + 1);
-        Events second(firstDone + 1, e.end());
-        size_t ready = countOf(first, kHostEventPicReady);
-        EXPECT_EQ(countOf(first, kHostEventNoPic), ready == 0 ? 1u : 0u);
-        if (ready == 0) {
-            EXPECT_EQ(first[first.size() - 2], kHostEventNoPic);
+private:
+    static int32_t callback(void* user, int32_t event) {
+        auto* self = static_cast<Host*>(user);
+        Picture pic;
+        if (event == kHostEventPicReady) {
+            pic.bytes.resize(std::max(TSL_GetOnePicSize(self->handle), 0));
+            EXPECT_EQ(pic.bytes.empty() ? 0 : TSL_GetPic(self->handle, pic.bytes.data(), &pic.pts, &pic.key),
+                      static_cast<int32_t>(pic.bytes.size()));
+            EXPECT_EQ(TSL_GetPicPts(self->handle), pic.pts);
         }
-        EXPECT_EQ(second, (Events{kHostEventPicStart, kHostEventPicReady, kHostEventPicDone}));
+        std::lock_guard<std::mutex> lock(self->mutex);
+        if (event == kHostEventPicReady) self->pictures.push_back(std::move(pic));
+        self->seen.push_back(event);
+        self->changed.notify_all();
+        return 0;
     }
+    std::mutex mutex;
+    std::condition_variable changed;
+};
+
+// ffmpeg's md5 of each picture of the first video stream in presentation
+// order; with `keysOnly`, of the key pictures alone.
+std::vector<std::string> ffmpegFrameMd5(const std::string& path, bool keysOnly) {
+    std::istringstream lines(tsltest::run(std::string("ffmpeg -v error ") + (keysOnly ? "-skip_frame nokey " : "") +
+                                          "-i " + tsltest::shellQuote(path) +
+                                          " -map 0:v:0 -fps_mode passthrough -pix_fmt yuv420p -f framemd5 -"));
+    std::vector<std::string> md5s;
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty() && line[0] != '#') md5s.push_back(line.substr(line.rfind(',') + 2));
+    return md5s;
 }
-
-TEST(PictureRequests, WithoutAFileOrAnIndex) {
-    PictureHost fresh;
-    const int64_t zero = 0;
-    fresh.clear();
-    EXPECT_EQ(fresh.request({zero}), (Events{kHostEventPicStart, kHostEventFileError}));
-    EXPECT_EQ(TSL_GetOnePicSize(fresh.handle), 0);
-    EXPECT_EQ(TSL_GetPicPts(fresh.handle), -1);
-
-    // A failed walk leaves the path set and the index empty.
-    EXPECT_FALSE(fresh.index(tsltest::media("text.mp4")));
-    EXPECT_EQ(fresh.request({zero}), (Events{kHostEventPicStart, kHostEventError}));
-    EXPECT_EQ(fresh.request({zero, 40}), (Events{kHostEventPicStart, kHostEventError}));
-}
-
-TEST(PictureRequests, TwentyFourBitPicturesAreBottomUpBgr) {
-    PictureHost host;
-    host.keepBytes = true;
-    TSL_SetOutputPicFormat(host.handle, kPicFormatBgr24);
-    ASSERT_TRUE(host.index(tsltest::media("halves.mp4")));
-    TessaloMediaInfo info{};
-    TSL_GetMediaInfo(host.handle, &info);
-    ASSERT_EQ(info.width, 320);
-    ASSERT_EQ(info.height, 240);
-    const std::vector<int64_t> keys = host.keyPts();
-    ASSERT_FALSE(keys.empty());
-    std::vector<uint8_t> bgr;
-    for (int32_t format : {3, 2}) {
-        host.clear();
-        TSL_SetOutputPicFormat(host.handle, format);
-        Events e = host.request({keys[0]});
-        ASSERT_EQ(e, (Events{kHostEventPicStart, kHostEventPicReady, kHostEventPicDone}));
-        std::vector<DeliveredPicture> pics = host.pictures();
-        ASSERT_EQ(pics.size(), 1u);
-        ASSERT_EQ(pics[0].size, 3 * 320 * 240);
-        ASSERT_EQ(TSL_GetOnePicSize(host.handle), 3 * 320 * 240);
-        const std::vector<uint8_t>& b = pics[0].bytes;
-        // First pixel in the block: the bottom-left, blue (bytes B, G, R).
-        EXPECT_GT(b[0], 200);
-        EXPECT_LT(b[1], 60);
-        EXPECT_LT(b[2], 60);
-        // Last pixel: the top-right, red.
-        EXPECT_LT(b[b.size() - 3], 60);
-        EXPECT_LT(b[b.size() - 2], 60);
-        EXPECT_GT(b[b.size() - 1], 200);
-        if (bgr.empty()) bgr = b;
-        else EXPECT_EQ(b, bgr) << "format 2 gives the same bytes as format 3";
-    }
-    // Back to planar: the block follows, and Y of the top row is red's luma.
-    host.clear();
-    TSL_SetOutputPicFormat(host.handle, kPicFormatI420);
-    ASSERT_EQ(host.request({keys[0]}).size(), 3u);
-    EXPECT_EQ(TSL_GetOnePicSize(host.handle), 320 * 240 * 3 / 2);
-}
-
-namespace {
 
 struct Packet {
-    int64_t pos = 0;
-    int32_t size = 0;
-    bool key = false;
+    int64_t size, pos;
+    bool key;
 };
 
-// The video packets of a file in stream order, from ffprobe.
+// The video packets of a file (one video stream) in stream order, from ffprobe.
 std::vector<Packet> probeVideoPackets(const std::string& path) {
-    int status = -1;
-    std::string text = tsltest::run("ffprobe -v error -select_streams v:0 -show_entries packet=pos,size,flags "
-                                    "-of csv=p=0 " + tsltest::shellQuote(path), &status);
-    EXPECT_EQ(status, 0);
     std::vector<Packet> out;
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        Packet p;
-        char flags[8] = {0};
-        long long size = 0, pos = 0;
-        if (sscanf(line.c_str(), "%lld,%lld,%7s", &size, &pos, flags) != 3) continue;
-        p.size = static_cast<int32_t>(size);
-        p.pos = pos;
-        p.key = flags[0] == 'K';
-        out.push_back(p);
-    }
+    const nlohmann::json probe = tsltest::ffprobe(path);
+    for (const auto& p : probe["packets"])
+        if (p.value("codec_type", "") == "video")
+            out.push_back({tsltest::number(p, "size"), tsltest::number(p, "pos"), p.value("flags", "")[0] == 'K'});
     return out;
 }
 
+// Asks for `asked` and expects PicDone after the pictures ffmpeg decodes at
+// the places of `asked` in `all`, in order; returns how many came.
+size_t expectLikeFfmpeg(Host& host, const std::vector<int64_t>& asked, const std::vector<int64_t>& all,
+                        const std::vector<std::string>& want) {
+    const Events e = host.request(asked);
+    EXPECT_TRUE(!e.empty() && e.front() == kHostEventPicStart && e.back() == kHostEventPicDone);
+    EXPECT_EQ(host.count(kHostEventNoPic) + host.count(kHostEventDecodeError), 0u);
+    EXPECT_EQ(host.count(kHostEventPicReady), host.pictures.size());
+    EXPECT_LE(host.pictures.size(), asked.size());
+    for (size_t i = 0; i < host.pictures.size(); ++i) {
+        const size_t place = std::find(all.begin(), all.end(), asked[i]) - all.begin();
+        EXPECT_EQ(host.pictures[i].pts, asked[i]) << "picture " << i;
+        const auto& bytes = host.pictures[i].bytes;
+        EXPECT_EQ(tsltest::md5(bytes.data(), bytes.size()), place < want.size() ? want[place] : "") << "picture " << i;
+    }
+    return host.pictures.size();
+}
+
 }  // namespace
 
+// main.mp4 (B-frames, five groups): key mode over every key, each key alone,
+// run mode over two groups in a row and over the last group; then requests
+// refused, and requests given up for a new one.
+TEST(PictureRequests, MainFile) {
+    Host host;
+    ASSERT_TRUE(host.index(tsltest::media("main.mp4")));
+    const std::vector<int64_t> keys = host.keyPts(), all = host.allPts();
+    const std::vector<std::string> keyMd5 = ffmpegFrameMd5(tsltest::media("main.mp4"), true),
+                                   allMd5 = ffmpegFrameMd5(tsltest::media("main.mp4"), false);
+    ASSERT_EQ(keys.size(), 5u);
+    ASSERT_TRUE(keyMd5.size() == keys.size() && allMd5.size() == all.size());
+    // Key mode, format 0: one picture per group, each a key picture in I420.
+    EXPECT_EQ(expectLikeFfmpeg(host, keys, keys, keyMd5), keys.size());
+    for (const Picture& p : host.pictures) EXPECT_TRUE(p.key == 1 && p.bytes.size() == 320 * 240 * 3 / 2) << p.pts;
+    for (int64_t key : {keys[0], keys[2], keys.back()}) {
+        EXPECT_EQ(expectLikeFfmpeg(host, {key}, keys, keyMd5), 1u);
+        EXPECT_EQ(host.seen, kOnePicture);
+        EXPECT_EQ(host.pictures.at(0).key, 1);
+    }
+    // Run mode: a group followed by the next, every picture where ffmpeg has it.
+    std::vector<int64_t> run = host.groupPts(keys[1]), next = host.groupPts(keys[2]);
+    run.insert(run.end(), next.begin(), next.end());
+    EXPECT_EQ(expectLikeFfmpeg(host, run, all, allMd5), run.size());
+    // The last group: nothing flushes the decoder, so the pictures it still holds never come.
+    const std::vector<int64_t> last = host.groupPts(keys.back());
+    const size_t delivered = expectLikeFfmpeg(host, last, all, allMd5);
+    EXPECT_TRUE(delivered > 0 && delivered < last.size()) << delivered;
+    // A timestamp that is no key sample's, asked alone; the next request is served.
+    EXPECT_EQ(host.request({all[1]}), (Events{kHostEventPicStart, kHostEventError}));
+    EXPECT_EQ(host.request({-5}), (Events{kHostEventPicStart, kHostEventError}));
+    EXPECT_EQ(host.request({keys[0]}), kOnePicture);
+    for (int round = 0; round < 3; ++round) {
+        host.clear();
+        ASSERT_TRUE(host.send(all) && host.send({keys[1]}));
+        ASSERT_TRUE(host.waitFor([&] { return host.count(kHostEventPicDone) >= 2; }));
+        // The first request: PicStart ... [NoPic] PicDone, NoPic only when
+        // nothing came, and a stop before the worker began skips even its
+        // PicStart. Then the second request whole.
+        const auto firstDone = std::find(host.seen.begin(), host.seen.end(), kHostEventPicDone) + 1;
+        const Events first(host.seen.begin(), firstDone), second(firstDone, host.seen.end());
+        const bool none = std::count(first.begin(), first.end(), kHostEventPicReady) == 0;
+        EXPECT_TRUE(first[0] == kHostEventPicStart || first[0] == kHostEventNoPic) << first[0];
+        EXPECT_EQ(std::count(first.begin(), first.end(), kHostEventNoPic), none ? 1 : 0);
+        EXPECT_TRUE(!none || (first.size() >= 2 && first.end()[-2] == kHostEventNoPic));
+        EXPECT_EQ(second, kOnePicture);
+    }
+}
+
+// No path: PicStart, FileError and no PicDone. A failed walk leaves the path
+// set and the index empty: PicStart, Error.
+TEST(PictureRequests, WithoutAFileOrAnIndex) {
+    Host host;
+    EXPECT_EQ(host.request({0}), (Events{kHostEventPicStart, kHostEventFileError}));
+    EXPECT_FALSE(host.waitFor([&] { return host.count(kHostEventPicDone) > 0; }, std::chrono::milliseconds(200)));
+    EXPECT_EQ(TSL_GetOnePicSize(host.handle), 0);
+    EXPECT_EQ(TSL_GetPicPts(host.handle), -1);
+    EXPECT_FALSE(host.index(tsltest::media("text.mp4")));
+    EXPECT_EQ(host.request({0}), (Events{kHostEventPicStart, kHostEventError}));
+    EXPECT_EQ(host.request({0, 40}), (Events{kHostEventPicStart, kHostEventError}));
+}
+
+// halves.mp4 is red above blue. Formats 3 and 2 give the same bottom-up BGR
+// block: its first pixel is the bottom-left (blue), its last the top-right (red).
+TEST(PictureRequests, TwentyFourBitPicturesAreBottomUpBgr) {
+    Host host;
+    ASSERT_TRUE(host.index(tsltest::media("halves.mp4")));
+    TessaloMediaInfo info{};
+    TSL_GetMediaInfo(host.handle, &info);
+    ASSERT_TRUE(info.width == 320 && info.height == 240);
+    const std::vector<int64_t> keys = host.keyPts();
+    ASSERT_FALSE(keys.empty());
+    std::vector<std::vector<uint8_t>> blocks;
+    for (int32_t format : {3, 2}) {
+        TSL_SetOutputPicFormat(host.handle, format);
+        ASSERT_EQ(host.request({keys[0]}), kOnePicture);
+        const std::vector<uint8_t>& b = host.pictures.at(0).bytes;
+        ASSERT_EQ(b.size(), 3u * 320 * 240);  // as TSL_GetOnePicSize said
+        EXPECT_TRUE(b[0] > 200 && b[1] < 60 && b[2] < 60) << "blue";
+        EXPECT_TRUE(b.end()[-3] < 60 && b.end()[-2] < 60 && b.end()[-1] > 200) << "red";
+        blocks.push_back(b);
+    }
+    EXPECT_EQ(blocks[0], blocks[1]) << "format 2 gives the same bytes as format 3";
+    TSL_SetOutputPicFormat(host.handle, kPicFormatI420);
+    ASSERT_EQ(host.request({keys[0]}), kOnePicture);
+    EXPECT_EQ(TSL_GetOnePicSize(host.handle), 320 * 240 * 3 / 2) << "back to planar";
+}
+
+// The first non-key sample of the second group gets a length prefix that
+// claims far more bytes than the sample has.
 TEST(PictureRequests, CorruptedSampleReportsAndGoesOn) {
-    const std::string dir = tsltest::scratchDir();
-    const std::string copy = dir + "/corrupt.mp4";
+    const std::string copy = tsltest::scratchDir() + "/corrupt.mp4";
     std::filesystem::copy_file(tsltest::media("main.mp4"), copy);
-    std::vector<Packet> packets = probeVideoPackets(copy);
-    // The first non-key sample of the second group: its length prefix is
-    // made to claim far more bytes than the sample has.
+    const std::vector<Packet> packets = probeVideoPackets(copy);
     size_t keysSeen = 0, victim = 0;
-    for (size_t i = 0; i < packets.size() && !victim; ++i) {
-        if (packets[i].key) ++keysSeen;
-        else if (keysSeen == 2) victim = i;
-    }
+    for (size_t i = 0; i < packets.size() && !victim; ++i)
+        if ((keysSeen += packets[i].key) == 2 && !packets[i].key) victim = i;
     ASSERT_GT(victim, 0u);
-    {
-        std::fstream f(copy, std::ios::in | std::ios::out | std::ios::binary);
-        f.seekp(packets[victim].pos);
-        const char junk[8] = {'\x7f', '\xff', '\xff', '\xff', '\x7f', '\xff', '\xff', '\xff'};
-        f.write(junk, sizeof junk);
-    }
-    PictureHost host;
+    std::fstream(copy, std::ios::in | std::ios::out | std::ios::binary)
+        .seekp(packets[victim].pos)
+        .write("\x7f\xff\xff\xff\x7f\xff\xff\xff", 8);
+    Host host;
     ASSERT_TRUE(host.index(copy));
-    std::vector<int64_t> keys = host.keyPts();
+    const std::vector<int64_t> keys = host.keyPts();
     ASSERT_GE(keys.size(), 3u);
-    std::vector<int64_t> asked = host.groupPts(keys[1]);
-    Events e = host.request(asked);
-    EXPECT_GE(countOf(e, kHostEventDecodeError), 1u);
-    EXPECT_EQ(e.back(), kHostEventPicDone);
-    EXPECT_GT(countOf(e, kHostEventPicReady), asked.size() / 2) << "the request went on";
+    const std::vector<int64_t> asked = host.groupPts(keys[1]);
+    EXPECT_EQ(host.request(asked).back(), kHostEventPicDone);
+    EXPECT_GE(host.count(kHostEventDecodeError), 1u);
+    EXPECT_GT(host.count(kHostEventPicReady), asked.size() / 2) << "the request went on";
 }
 
 // large.mp4 is above 20 MiB: the samples that straddle the end of the first
 // buffer are carried over into the refilled one and decode as ffmpeg's.
 TEST(PictureRequests, SamplesAcrossTheReadBufferDecodeIdentically) {
     const std::string path = tsltest::media("large.mp4");
-    std::vector<Packet> packets = probeVideoPackets(path);
+    const std::vector<Packet> packets = probeVideoPackets(path);
     ASSERT_FALSE(packets.empty());
     const int64_t boundary = packets[0].pos + 0x1400000;
     size_t straddling = packets.size();
     for (size_t i = 0; i < packets.size(); ++i)
         if (packets[i].pos < boundary && packets[i].pos + packets[i].size > boundary) straddling = i;
     ASSERT_LT(straddling, packets.size()) << "no sample crosses the first buffer's end";
-
-    PictureHost host;
+    Host host;
     ASSERT_TRUE(host.index(path));
-    std::vector<int64_t> all = host.allPts();
-    ASSERT_EQ(all.size(), packets.size());
-    const std::vector<std::string> want = ffmpegFrameMd5(path, false);
-    ASSERT_EQ(want.size(), all.size());
-    Events e = host.request(all);
-    EXPECT_EQ(e.back(), kHostEventPicDone);
-    EXPECT_EQ(countOf(e, kHostEventDecodeError), 0u);
-    std::vector<DeliveredPicture> pics = host.pictures();
+    const std::vector<int64_t> all = host.allPts();
     // Without B-frames presentation order is stream order: the straddling
     // sample and those after it must be among the pictures delivered.
-    ASSERT_GT(pics.size(), straddling + 2);
-    for (size_t i = 0; i < pics.size(); ++i) {
-        EXPECT_EQ(pics[i].pts, all[i]);
-        ASSERT_EQ(pics[i].md5, want[i]) << "picture " << i;
-    }
+    EXPECT_GT(expectLikeFfmpeg(host, all, all, ffmpegFrameMd5(path, false)), straddling + 2);
 }
