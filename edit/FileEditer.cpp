@@ -256,16 +256,7 @@ void FileEditer::runCut() {
     // thread; taking stopMutex here, after the last write to them, orders those
     // writes before its own lock of the same mutex.
     (void)isStopRequested();
-    if (muxer) {
-        muxer->stop();
-        muxer.reset();
-    }
-    ranges.reset();
-    rangeCount = 0;
-    offsets.reset();
-    offsetCount = 0;
-    readBuffer.reset();
-    sampleBuffer.reset();
+    releaseCut();
     sourceFile.close();
 }
 
