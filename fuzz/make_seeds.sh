@@ -9,7 +9,8 @@ printf '\x04\x10\x01\x05\x00\x00\x01\x40' > "$corpus/ring_fuzz/seed1"
 head -c 256 /dev/urandom > "$corpus/ring_fuzz/seed2"
 # Samples in length-prefixed form: the first bytes of a real file's media data.
 for f in main tiny; do
-  [ -s "$media/$f.mp4" ] && tail -c +1024 "$media/$f.mp4" | head -c 4096 > "$corpus/annexb_fuzz/$f"
+  # head stops reading early and tail reads all it is given: no broken pipe under pipefail.
+  [ -s "$media/$f.mp4" ] && head -c 5120 "$media/$f.mp4" | tail -c 4096 > "$corpus/annexb_fuzz/$f"
 done
 # The picture path's buffer logic: a header of positions and sizes.
 head -c 512 /dev/urandom > "$corpus/fetch_fuzz/seed1"
