@@ -2,15 +2,13 @@
 // information, the key timestamp queries, many walks, and a new file mid-walk.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <sstream>
-
+#include "support/FfprobeJson.h"
 #include "support/ProbeIndex.h"
-#include "support/TestSupport.h"
 #include "tessalo.h"
 
 namespace {
 
+using tsltest::number;
 using Events = std::vector<int32_t>;
 
 class HostWalk : public ::testing::Test {
@@ -32,23 +30,38 @@ protected:
     void* handle = TSL_CreateTessalo(&events, &tsltest::EventRecorder::callback);
 };
 
+// Every audio stream must pass, not only the first; and the rate test reads
+// the time base, so AAC in MPEG-TS (44100 Hz counted in 1/90000) is refused.
 TEST_F(HostWalk, RefusalsGiveOneEventNoIndexAndLeaveTheInstanceUsable) {
     const auto mainKeys = tsltest::probeIndex(tsltest::media("main.mp4")).keyPts();
+    const std::string dir = tsltest::scratchDir(), aacMp3 = dir + "/aac_mp3.mp4", ts = dir + "/main.ts";
+    const std::string ffmpeg = "ffmpeg -nostdin -v quiet -y -i " + tsltest::shellQuote(tsltest::media("main.mp4"));
+    int mp3Status = 0, tsStatus = 0;
+    tsltest::run(ffmpeg + " -map 0:v -map 0:a -map 0:a -c:v copy -c:a:0 copy -c:a:1 libmp3lame " +
+                     tsltest::shellQuote(aacMp3),
+                 &mp3Status);
+    tsltest::run(ffmpeg + " -c copy " + tsltest::shellQuote(ts), &tsStatus);
+    ASSERT_TRUE(mp3Status == 0 && tsStatus == 0);
     for (const char* name : {"empty.mp4", "text.mp4"}) {  // FFmpeg cannot open these: asked, not assumed
         int status = 0;
         tsltest::run("ffprobe -v error " + tsltest::shellQuote(tsltest::media(name)) + " 2>&1", &status);
         ASSERT_NE(status, 0) << name << " opens in ffprobe";
     }
-    const std::pair<const char*, int32_t> cases[] = {
-        {"missing.mp4", kHostEventFileError},    {"hevc.mp4", kHostEventBadCodec},
-        {"mpeg4.mp4", kHostEventBadCodec},       {"mp3audio.mp4", kHostEventBadCodec},
-        {"coverart.mp4", kHostEventBadCodec},    {"aac22050.mp4", kHostEventBadSampleRate},
-        {"aac6ch.mp4", kHostEventBadChannels},   {"audioonly.mp4", kHostEventNoVideo},
-        {"empty.mp4", kHostEventFileError},      {"text.mp4", kHostEventFileError}};
-    for (const auto& [name, event] : cases) {
-        SCOPED_TRACE(name);
-        const std::string file = name == std::string("missing.mp4") ? "/nonexistent/tessalo/missing.mp4"
-                                                                     : tsltest::media(name);
+    const std::pair<std::string, int32_t> cases[] = {
+        {"/nonexistent/tessalo/missing.mp4", kHostEventFileError},
+        {tsltest::media("empty.mp4"), kHostEventFileError},
+        {tsltest::media("text.mp4"), kHostEventFileError},
+        {tsltest::media("hevc.mp4"), kHostEventBadCodec},
+        {tsltest::media("mpeg4.mp4"), kHostEventBadCodec},
+        {tsltest::media("mp3audio.mp4"), kHostEventBadCodec},
+        {tsltest::media("coverart.mp4"), kHostEventBadCodec},  // the cover is a PNG video stream with a size
+        {aacMp3, kHostEventBadCodec},
+        {tsltest::media("aac22050.mp4"), kHostEventBadSampleRate},
+        {ts, kHostEventBadSampleRate},
+        {tsltest::media("aac6ch.mp4"), kHostEventBadChannels},
+        {tsltest::media("audioonly.mp4"), kHostEventNoVideo}};
+    for (const auto& [file, event] : cases) {
+        SCOPED_TRACE(file);
         events.clear();
         ASSERT_EQ(walk(file), event);
         EXPECT_EQ(TSL_GetKeyPtsCount(handle), 0);
@@ -65,53 +78,40 @@ TEST_F(HostWalk, MediaInformationAndIndexEqualFfprobe) {
     for (const char* name : {"main.mp4", "mono48k.mp4", "noaudio.mp4", "main.mov"}) {
         SCOPED_TRACE(name);
         const std::string file = tsltest::media(name);
-        std::map<std::string, std::string> v, a;  // key=value lines of ffprobe for a stream and the format
-        for (auto [out, args] : {std::pair{&v, "-select_streams v:0 -show_entries stream=width,height,"
-                                               "r_frame_rate,bit_rate:format=duration"},
-                                 std::pair{&a, "-select_streams a:0 -show_entries stream=sample_rate,channels,"
-                                               "bit_rate"}}) {
-            std::istringstream lines(tsltest::run("ffprobe -v error " + std::string(args) +
-                                                  " -of default=noprint_wrappers=1 " + tsltest::shellQuote(file)));
-            for (std::string line; std::getline(lines, line);)
-                if (const size_t eq = line.find('='); eq != std::string::npos) (*out)[line.substr(0, eq)] = line.substr(eq + 1);
+        const nlohmann::json doc = tsltest::ffprobe(file);
+        nlohmann::json video, audio = nlohmann::json::object();  // the first stream of each kind
+        for (const auto& s : doc["streams"]) {
+            if (s["codec_type"] == "video" && video.is_null()) video = s;
+            if (s["codec_type"] == "audio" && audio.empty()) audio = s;
         }
         const tsltest::ProbeIndex truth = tsltest::probeIndex(file);
-        ASSERT_TRUE(truth.ok && !v.empty());
+        ASSERT_TRUE(truth.ok && !video.is_null());
         events.clear();
         ASSERT_EQ(walk(file), kHostEventIndexReady);
         EXPECT_EQ(events.events(), (Events{kHostEventMediaInfo, kHostEventIndexReady}));
 
         TessaloMediaInfo info;
         TSL_GetMediaInfo(handle, &info);
-        EXPECT_EQ(info.width, std::stoi(v["width"]));
-        EXPECT_EQ(info.height, std::stoi(v["height"]));
-        const std::string rate = v["r_frame_rate"];
-        EXPECT_EQ(info.frameRate, static_cast<int32_t>(std::stod(rate) / std::stod(rate.substr(rate.find('/') + 1))));
-        EXPECT_EQ(info.videoBitRate, std::stoi(v["bit_rate"]));
-        EXPECT_NEAR(info.durationMs, std::stod(v["duration"]) * 1000.0, 0.001);
-        EXPECT_EQ(info.sampleRate, a.empty() ? -1 : std::stoi(a["sample_rate"]));
-        EXPECT_EQ(info.channels, a.empty() ? 0 : std::stoi(a["channels"]));
-        EXPECT_EQ(info.audioBitRate, a.empty() ? 0 : std::stoi(a["bit_rate"]));
+        const auto [num, den] = tsltest::fraction(video, "r_frame_rate");
+        EXPECT_EQ(info.width, number(video, "width"));
+        EXPECT_EQ(info.height, number(video, "height"));
+        EXPECT_EQ(info.frameRate, num / den);  // truncated
+        EXPECT_EQ(info.videoBitRate, number(video, "bit_rate"));
+        EXPECT_NEAR(info.durationMs, std::stod(doc["format"].value("duration", "0")) * 1000.0, 0.001);
+        EXPECT_EQ(info.sampleRate, number(audio, "sample_rate", -1));
+        EXPECT_EQ(info.channels, number(audio, "channels"));
+        EXPECT_EQ(info.audioBitRate, number(audio, "bit_rate"));
         EXPECT_TRUE(info.videoCodec == 0 && info.audioCodec == 1 && info.reserved == 0);
 
-        const std::vector<int64_t> keys = keyPts();
-        EXPECT_EQ(keys, truth.keyPts());
-        const auto groups = truth.sortedGroupPts();
-        for (int64_t key : keys) {
-            // The count is the first group's with this lowest pts; the values are all such groups', in order.
-            std::vector<int64_t> expected;
-            size_t firstSize = 0;
-            for (const auto& group : groups) {
-                if (group.front() != key) continue;
-                if (expected.empty()) firstSize = group.size();
-                expected.insert(expected.end(), group.begin(), group.end());
-            }
-            EXPECT_EQ(TSL_GetPtsCountByKeyPts(handle, key), static_cast<int32_t>(firstSize));
-            std::vector<int64_t> pts(expected.size() + 1, -7);
-            EXPECT_EQ(TSL_GetPtsByKeyPts(handle, key, pts.data()), static_cast<int32_t>(expected.size()));
+        // No fixture has two groups with the same lowest timestamp: each key answers its own group.
+        ASSERT_EQ(keyPts(), truth.keyPts());
+        for (const std::vector<int64_t>& group : truth.sortedGroupPts()) {
+            EXPECT_EQ(TSL_GetPtsCountByKeyPts(handle, group.front()), static_cast<int32_t>(group.size()));
+            std::vector<int64_t> pts(group.size() + 1, -7);
+            EXPECT_EQ(TSL_GetPtsByKeyPts(handle, group.front(), pts.data()), static_cast<int32_t>(group.size()));
             EXPECT_EQ(pts.back(), -7);
             pts.pop_back();
-            EXPECT_EQ(pts, expected) << "key " << key;
+            EXPECT_EQ(pts, group) << "key " << group.front();
         }
         EXPECT_EQ(TSL_GetPtsCountByKeyPts(handle, -12345), 0);
     }
