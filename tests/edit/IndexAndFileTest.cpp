@@ -2,25 +2,34 @@
 // sample to start codes, and the source file handle's seeks.
 #include <gtest/gtest.h>
 
-#include "EditTestSupport.h"
-#include "edit/FileOperator.h"
+#include <fstream>
 
-using edittest::Bytes;
+#include "edit/FileEditer.h"
+#include "edit/FileOperator.h"
+#include "support/TestSupport.h"
+
+using Bytes = std::vector<uint8_t>;
 using Morvel_Tessalo::FileEditer;
 
 namespace {
 
 TEST(FindKeyGroup, EqualPtsSelectsTheGroupBeforeAndTheLastGroupNeedsALaterFrame) {
     // Key frames at 0, 2000 and 4000, decode order; the last group ends on 5920 though it shows 5960.
-    edittest::Index index;
+    std::vector<FrameRecord> records;  // complete before the groups point into it
     for (int64_t pts : {0, 120, 40, 80, 2000, 2120, 2040, 4000, 4120, 4040, 5960, 5920})
-        index.add(true, {uint8_t(pts % 2000 == 0), 10, pts, pts, 0});
+        records.push_back({uint8_t(pts % 2000 == 0), 10, pts, pts, 0});
+    FrameGroup store[3];
+    std::vector<FrameGroup*> groups;
+    for (FrameRecord& r : records) {
+        if (r.isKey) groups.push_back(&store[groups.size()]);
+        groups.back()->push_back(&r);
+    }
     const struct { int64_t pts; bool found; int32_t group; } cases[] = {
         {-500, true, 0}, {0, true, 0},    {1, true, 0},      {2000, true, 0},   {2001, true, 1},
         {4000, true, 1}, {4001, true, 2}, {5919, true, 2}, {5920, false, 0}, {5940, false, 0}};
     for (const auto& c : cases) {
         int32_t group = -1;
-        EXPECT_EQ(FileEditer::findKeyGroup(index.groups, c.pts, &group), c.found) << c.pts;
+        EXPECT_EQ(FileEditer::findKeyGroup(groups, c.pts, &group), c.found) << c.pts;
         EXPECT_TRUE(!c.found || group == c.group) << c.pts << " gave group " << group;
     }
     int32_t group = -1;
@@ -74,10 +83,10 @@ TEST(FileOperator, FarSeeksTakeSteps_ZeroMakesNoMove) {
     EXPECT_TRUE(file.seek(0));
     EXPECT_TRUE(file.seek(2));
     setFileMoveHook(nullptr);
-    EXPECT_EQ(gMoves, (std::vector<std::pair<int32_t, MoveFrom>>{{0x7FFFFFFE, MoveFrom::Begin},
-                                                                  {0x7FFFFFFE, MoveFrom::Current},
-                                                                  {int32_t((5LL << 30) - 2LL * 0x7FFFFFFE), MoveFrom::Current},
-                                                                  {2, MoveFrom::Begin}}));
+    const int32_t rest = int32_t((5LL << 30) - 2LL * 0x7FFFFFFE);
+    EXPECT_EQ(gMoves, (std::vector<std::pair<int32_t, MoveFrom>>{
+                          {0x7FFFFFFE, MoveFrom::Begin}, {0x7FFFFFFE, MoveFrom::Current}, {rest, MoveFrom::Current},
+                          {2, MoveFrom::Begin}}));
     char byte = 0;
     uint32_t got = 0;
     EXPECT_TRUE(file.read(&byte, 1, &got));
