@@ -15,7 +15,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "support/TestSupport.h"
+#include "support/FfprobeJson.h"
 
 namespace tsltest {
 
@@ -50,13 +50,6 @@ struct ProbeIndex {
     }
 };
 
-// A field of ffprobe's JSON that may be printed as a number or a string.
-inline int64_t probeNumber(const nlohmann::json& object, const char* key, int64_t absent) {
-    if (!object.contains(key)) return absent;
-    const nlohmann::json& v = object[key];
-    return v.is_string() ? std::stoll(v.get<std::string>()) : v.get<int64_t>();
-}
-
 inline ProbeIndex probeIndex(const std::string& file) {
     ProbeIndex index;
     int status = 0;
@@ -75,9 +68,7 @@ inline ProbeIndex probeIndex(const std::string& file) {
     for (const auto& s : streams["streams"]) {
         const int id = s["index"].get<int>();
         kind[id] = s["codec_type"].get<std::string>();
-        const std::string tb = s["time_base"].get<std::string>();
-        const size_t slash = tb.find('/');
-        timeBase[id] = {std::stoll(tb.substr(0, slash)), std::stoll(tb.substr(slash + 1))};
+        timeBase[id] = fraction(s, "time_base");
         if (firstAudio < 0 && kind[id] == "audio") firstAudio = id;
     }
     auto toMs = [&](int64_t value, int64_t base, int stream, bool audio) -> int64_t {
@@ -91,14 +82,14 @@ inline ProbeIndex probeIndex(const std::string& file) {
     bool videoBases = false, audioBase = false;
     int64_t videoPtsBase = 0, videoDtsBase = 0, audioPtsBase = 0;
     for (const auto& p : packets["packets"]) {
-        const int stream = static_cast<int>(probeNumber(p, "stream_index", -1));
-        const int64_t dts = probeNumber(p, "dts", 0);
-        const int64_t pts = probeNumber(p, "pts", dts);
+        const int stream = static_cast<int>(number(p, "stream_index", -1));
+        const int64_t dts = number(p, "dts");
+        const int64_t pts = number(p, "pts", dts);
         const std::string flags = p.value("flags", std::string());
         const bool anyFlag = flags.find_first_not_of('_') != std::string::npos;
         ProbeRecord r;
-        r.size = static_cast<int32_t>(probeNumber(p, "size", 0));
-        r.position = probeNumber(p, "pos", -1);
+        r.size = static_cast<int32_t>(number(p, "size"));
+        r.position = number(p, "pos", -1);
         r.isKey = anyFlag;
         if (kind[stream] == "video") {
             if (!keySeen) {
