@@ -47,6 +47,18 @@ TEST(SoftMediaDecoder, RefusesCallsOutOfOrder) {
     EXPECT_EQ(c.uninit(), kOk);
 }
 
+// FFmpeg sets the active thread type only once it has really started its threads.
+TEST(SoftMediaDecoder, H264AskedForSeveralThreadsRunsFrameThreaded) {
+    for (int32_t threads : {1, 4}) {
+        SoftMediaDecoder c(kMediaKindVideo);
+        ASSERT_EQ(c.init(1), kOk);
+        ASSERT_EQ(c.setParameter(kCodecParamThreads, &threads), kOk);
+        ASSERT_EQ(c.start(), kOk);
+        EXPECT_EQ(c.context->active_thread_type, threads >= 2 ? FF_THREAD_FRAME : 0) << threads;
+        EXPECT_EQ(c.context->thread_count, threads);
+    }
+}
+
 // Stands in for the codec: planes of a chosen shape, each byte telling its plane, row and column.
 struct ScriptedCodec : BaseCodec {
     int32_t outputBuffer(BaseBuffer* out) override {
