@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 #include <thread>
 
 #include "support/ProbeIndex.h"
@@ -13,10 +12,6 @@
 namespace {
 
 int32_t ignoreEvents(void*, int32_t) { return 0; }
-
-size_t threadCount() {
-    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
-}
 
 TEST(NullHandle, EveryExportAnswersWithoutLookingFurther) {
     TessaloMediaInfo info;
@@ -73,12 +68,12 @@ TEST(NewInstance, KnowsNothingYet) {
 
 TEST(Create, ManyInstancesComeAndGoAndDestructionEndsEveryThread) {
     std::thread([] {}).join();  // TSan's helper thread, if any, starts with the first thread
-    const size_t before = threadCount();
+    const size_t before = tsltest::threadCount();
     for (int i = 0; i < 300; ++i) {
         void* a = TSL_CreateTessalo(&i, &ignoreEvents);
         void* b = TSL_CreateTessalo(nullptr, &ignoreEvents);
         ASSERT_TRUE(a && b && a != b);
-        EXPECT_EQ(threadCount(), before) << "creating an instance starts no thread";
+        EXPECT_EQ(tsltest::threadCount(), before) << "creating an instance starts no thread";
         TSL_DestoryTessalo(a);
         TSL_DestoryTessalo(b);
     }
@@ -89,9 +84,9 @@ TEST(Create, ManyInstancesComeAndGoAndDestructionEndsEveryThread) {
         void* walking = TSL_CreateTessalo(&events, &tsltest::EventRecorder::callback);
         ASSERT_TRUE(TSL_StartPic(walking, tsltest::longWalkFile().c_str()));
         ASSERT_TRUE(events.waitFor(kHostEventMediaInfo));
-        EXPECT_GT(threadCount(), before) << "the walk runs on threads of its own";
+        EXPECT_GT(tsltest::threadCount(), before) << "the walk runs on threads of its own";
         TSL_DestoryTessalo(walking);
-        EXPECT_EQ(threadCount(), before);
+        EXPECT_EQ(tsltest::threadCount(), before);
         const auto seen = events.events();
         EXPECT_TRUE(seen == std::vector<int32_t>{kHostEventMediaInfo} ||
                     seen == (std::vector<int32_t>{kHostEventMediaInfo, kHostEventIndexReady}));

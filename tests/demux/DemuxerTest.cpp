@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -35,12 +34,6 @@ struct Packet {
     std::string md5;            // of the payload, behind the ADTS header for audio
     std::vector<uint8_t> head;  // the first 7 bytes: the ADTS header for audio
 };
-
-size_t threadCount() {
-    static std::once_flag warm;  // TSan starts a helper thread along with the first thread
-    std::call_once(warm, [] { std::thread([] {}).join(); });
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), std::filesystem::directory_iterator());
-}
 
 // One demuxer wired to its callbacks, started on the thread that makes this;
 // what it saw is read once a wait found it complete, or after stop.
@@ -123,12 +116,12 @@ void expectWalkMatchesFfprobe(const std::string& file) {
     }
     size_t total = index.audioFrames.size();  // what the index gets is all a walk delivers
     for (const auto& group : index.keyGroups) total += group.size();
-    const size_t threadsBefore = threadCount();
+    const size_t threadsBefore = tsltest::threadCount();
     Recorder r(file);
     ASSERT_EQ(r.demuxer->start(), 1);
     ASSERT_TRUE(r.waitFor(3, 0)) << "no end of file";
     r.demuxer->stop();
-    EXPECT_EQ(threadCount(), threadsBefore) << "the reader must be gone after stop";
+    EXPECT_EQ(tsltest::threadCount(), threadsBefore) << "the reader must be gone after stop";
     // Ready on the caller's thread before any packet; audio (1) then video (2) end from the reader, after all.
     EXPECT_EQ(r.events, (std::vector<Event>{{kDemuxerEventReady, 0, true, 0},
                                             {kDemuxerEventEnded, kDemuxerMediaAudio, false, total},
@@ -187,7 +180,7 @@ TEST(Demuxer, WalksMatchFfprobe) {
 // paused reader, and neither a second stop nor destruction sends anything.
 // (The instance's walk tests stop readers in their loop.)
 TEST(Demuxer, PathPauseResumeAndStop) {
-    const size_t threadsBefore = threadCount();
+    const size_t threadsBefore = tsltest::threadCount();
     Recorder r(tsltest::media("no-such-file.mp4"));
     for (int id = 0; id <= 16; ++id) {
         uint64_t storage = kUntouched;
@@ -211,9 +204,9 @@ TEST(Demuxer, PathPauseResumeAndStop) {
     }
     ASSERT_TRUE(flowing);
     ASSERT_TRUE(r.waitFor(1, 20));
-    EXPECT_EQ(threadCount(), threadsBefore + 1) << "the reader runs";
+    EXPECT_EQ(tsltest::threadCount(), threadsBefore + 1) << "the reader runs";
     r.demuxer->stop();
-    EXPECT_EQ(threadCount(), threadsBefore) << "stop returns with the reader gone";
+    EXPECT_EQ(tsltest::threadCount(), threadsBefore) << "stop returns with the reader gone";
     r.demuxer->stop();
     r.demuxer.reset();
     EXPECT_EQ(r.packets.size(), 20u);
@@ -223,7 +216,7 @@ TEST(Demuxer, PathPauseResumeAndStop) {
         ASSERT_EQ(walking.demuxer->start(), 1);
         ASSERT_TRUE(walking.waitFor(1, 1));
     }
-    EXPECT_EQ(threadCount(), threadsBefore) << "destroying a walking demuxer ends its reader";
+    EXPECT_EQ(tsltest::threadCount(), threadsBefore) << "destroying a walking demuxer ends its reader";
 }
 
 // 44100 Hz stereo is the worked example; then 48000 Hz mono, six channels

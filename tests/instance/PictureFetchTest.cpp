@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 
 #include "decode/DecoderBase.h"
 #include "instance/TessaloImpl.h"
@@ -20,15 +19,7 @@ namespace {
 
 std::string mainFile() { return tsltest::media("main.mp4"); }
 
-// ffmpeg's MD5 of each key picture of main.mp4, in file order.
-std::vector<std::string> keyMd5() {
-    std::istringstream lines(tsltest::run("ffmpeg -v error -skip_frame nokey -i " + tsltest::shellQuote(mainFile()) +
-                                          " -map 0:v:0 -pix_fmt yuv420p -f framemd5 -"));
-    std::vector<std::string> md5s;
-    for (std::string line; std::getline(lines, line);)
-        if (!line.empty() && line[0] != '#') md5s.push_back(line.substr(line.rfind(',') + 2));
-    return md5s;
-}
+std::vector<std::string> keyMd5() { return tsltest::ffmpegFrameMd5(mainFile(), true); }
 
 // An instance that has walked main.mp4, so its path, avcC and index are real;
 // a test bends them, then runs one request as the worker does, on this thread.

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "support/ProbeIndex.h"
 #include "tessalo.h"
@@ -83,18 +82,6 @@ private:
     }
 };
 
-// ffmpeg's md5 of each picture of the first video stream in presentation
-// order; with `keysOnly`, of the key pictures alone.
-std::vector<std::string> ffmpegFrameMd5(const std::string& path, bool keysOnly) {
-    std::istringstream lines(tsltest::run(std::string("ffmpeg -v error ") + (keysOnly ? "-skip_frame nokey " : "") +
-                                          "-i " + tsltest::shellQuote(path) +
-                                          " -map 0:v:0 -fps_mode passthrough -pix_fmt yuv420p -f framemd5 -"));
-    std::vector<std::string> md5s;
-    for (std::string line; std::getline(lines, line);)
-        if (!line.empty() && line[0] != '#') md5s.push_back(line.substr(line.rfind(',') + 2));
-    return md5s;
-}
-
 // Asks for `asked` and expects PicDone after the pictures ffmpeg decodes at
 // the places of `asked` in `all`, in order; returns how many came.
 size_t expectLikeFfmpeg(Host& host, const std::vector<int64_t>& asked, const std::vector<int64_t>& all,
@@ -121,8 +108,8 @@ TEST(PictureRequests, MainFile) {
     Host host;
     ASSERT_TRUE(host.index(tsltest::media("main.mp4")));
     const std::vector<int64_t> keys = host.keyPts(), all = host.allPts();
-    const std::vector<std::string> keyMd5 = ffmpegFrameMd5(tsltest::media("main.mp4"), true),
-                                   allMd5 = ffmpegFrameMd5(tsltest::media("main.mp4"), false);
+    const std::vector<std::string> keyMd5 = tsltest::ffmpegFrameMd5(tsltest::media("main.mp4"), true),
+                                   allMd5 = tsltest::ffmpegFrameMd5(tsltest::media("main.mp4"), false);
     ASSERT_EQ(keys.size(), 5u);
     ASSERT_TRUE(keyMd5.size() == keys.size() && allMd5.size() == all.size());
     // Key mode, format 0: one picture per group, each a key picture in I420.
@@ -231,5 +218,5 @@ TEST(PictureRequests, SamplesAcrossTheReadBufferDecodeIdentically) {
     const std::vector<int64_t> all = host.allPts();
     // Without B-frames presentation order is stream order: the straddling
     // sample and those after it must be among the pictures delivered.
-    EXPECT_GT(expectLikeFfmpeg(host, all, all, ffmpegFrameMd5(path, false)), straddling + 2);
+    EXPECT_GT(expectLikeFfmpeg(host, all, all, tsltest::ffmpegFrameMd5(path, false)), straddling + 2);
 }

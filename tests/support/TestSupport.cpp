@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <thread>
 
 extern "C" {
 #include <libavutil/md5.h>
@@ -72,6 +74,28 @@ std::string shellQuote(const std::string& s) {
     std::string out = "'";
     for (char c : s) out += (c == '\'') ? std::string("'\\''") : std::string(1, c);
     return out + "'";
+}
+
+std::vector<std::string> ffmpegFrameMd5(const std::string& path, bool keysOnly) {
+    std::istringstream lines(run(std::string("ffmpeg -v error ") + (keysOnly ? "-skip_frame nokey " : "") + "-i " +
+                                 shellQuote(path) + " -map 0:v:0 -fps_mode passthrough -pix_fmt yuv420p -f framemd5 -"));
+    std::vector<std::string> md5s;
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty() && line[0] != '#') md5s.push_back(line.substr(line.rfind(',') + 2));
+    return md5s;
+}
+
+std::string decodeErrors(const std::string& path) {
+    int status = -1;
+    std::string errors = run("ffmpeg -nostdin -v error -i " + shellQuote(path) + " -f null - 2>&1", &status);
+    if (status != 0 && errors.empty()) errors = "ffmpeg exited with status " + std::to_string(status);
+    return errors;
+}
+
+size_t threadCount() {
+    static std::once_flag warm;  // TSan starts a helper thread along with the first thread
+    std::call_once(warm, [] { std::thread([] {}).join(); });
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
 }
 
 int32_t EventRecorder::callback(void* user, int32_t event) {

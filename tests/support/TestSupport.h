@@ -22,6 +22,13 @@ std::string fileMd5(const std::string& path);
 std::string md5(const uint8_t* data, size_t size);
 // Quotes a string for the shell.
 std::string shellQuote(const std::string& s);
+// ffmpeg's MD5 of each I420 picture of the first video stream, in presentation
+// order; with `keysOnly`, of the key pictures alone.
+std::vector<std::string> ffmpegFrameMd5(const std::string& path, bool keysOnly);
+// What ffmpeg reports while decoding the whole file: empty when it decodes cleanly.
+std::string decodeErrors(const std::string& path);
+// Threads of this process now.
+size_t threadCount();
 
 // Collects host events in arrival order; safe from any thread.
 class EventRecorder {
