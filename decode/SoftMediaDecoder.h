@@ -4,29 +4,9 @@
 
 #include "decode/BaseCodec.h"
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libswresample/swresample.h>
-}
+#include "base/FFmpegHolders.h"
 
 class BaseBuffer;
-
-// Holders that give each FFmpeg object back with its own free function.
-struct CodecContextFree {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct PacketFree {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct FrameFree {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct ResamplerFree {
-    void operator()(SwrContext* s) const { swr_free(&s); }
-};
-struct AvBytesFree {
-    void operator()(uint8_t* p) const { av_free(p); }
-};
 
 // Room for codec private data, and for one frame of converted audio.
 constexpr int32_t kCodecExtraDataRoom = 0x100000;
@@ -55,14 +35,14 @@ public:
     int32_t codecType = 0;
     int32_t threadCount = 1;
     bool flushing = false;
-    std::unique_ptr<AVCodecContext, CodecContextFree> context;
+    CodecContextHolder context;
     const AVCodec* decoder = nullptr;
-    std::unique_ptr<AVPacket, PacketFree> packet;  // its bytes are the caller's
-    std::unique_ptr<AVFrame, FrameFree> frame;
-    std::unique_ptr<SwrContext, ResamplerFree> resampler;
+    PacketHolder packet;  // its bytes are the caller's
+    FrameHolder frame;
+    ResamplerHolder resampler;
     std::unique_ptr<BaseBuffer> extraData;  // staging; data is extraDataBlock
-    std::unique_ptr<uint8_t, AvBytesFree> extraDataBlock;  // kCodecExtraDataRoom bytes
-    std::unique_ptr<uint8_t, AvBytesFree> audioOut;
+    AvBlockHolder extraDataBlock;  // kCodecExtraDataRoom bytes
+    AvBlockHolder audioOut;
 
 private:
     int32_t decodeOnce(bool clearAfterSend);

@@ -17,15 +17,7 @@ namespace {
 constexpr int kMissingFile = -2;  // AVERROR(ENOENT)
 constexpr int kMaxReadFailures = 50;
 
-struct PacketFree {
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-using PacketHolder = std::unique_ptr<AVPacket, PacketFree>;
-
-struct FilterFree {
-    void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
-};
-using FilterHolder = std::unique_ptr<AVBSFContext, FilterFree>;
+using FilterHolder = BitstreamFilterHolder;
 
 // Copies `size` bytes into a new block; null for an empty or missing source
 // (and when the block cannot be had, so that size and block stay in step).

@@ -9,10 +9,7 @@
 #include <thread>
 #include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-}
+#include "base/FFmpegHolders.h"
 
 // One packet as the reader reports it with kParsePacket. A local of the read
 // loop: `data` is valid only during the notification.
@@ -121,10 +118,7 @@ public:
 
     // FFmpeg 5.1 streams carry no codec context of their own: the contexts
     // that openDecoder opens live here, one slot per stream index.
-    struct CodecContextFree {
-        void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-    };
-    std::vector<std::unique_ptr<AVCodecContext, CodecContextFree>> codecContexts;
+    std::vector<CodecContextHolder> codecContexts;
 
 private:
     void resetFields();

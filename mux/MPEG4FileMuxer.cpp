@@ -12,20 +12,6 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
-void MPEG4FileMuxer::FormatContextDeleter::operator()(AVFormatContext* context) const {
-    // The writing thread closes the file after the trailer; this catches the
-    // paths where no thread ran (failed header or thread start).
-    if (context->pb && context->oformat && !(context->oformat->flags & AVFMT_NOFILE))
-        avio_closep(&context->pb);
-    avformat_free_context(context);
-}
-
-void MPEG4FileMuxer::CodecContextDeleter::operator()(AVCodecContext* context) const {
-    avcodec_free_context(&context);
-}
-
-void MPEG4FileMuxer::BsfDeleter::operator()(AVBSFContext* context) const { av_bsf_free(&context); }
-
 namespace {
 
 bool nameIsOneOf(const char* name, const char* const* names, size_t count) {
@@ -140,7 +126,7 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     videoStream = stream;
     stream->id = static_cast<int>(formatContext->nb_streams) - 1;
 
-    std::unique_ptr<AVCodecContext, CodecContextDeleter> context(avcodec_alloc_context3(videoEncoder));
+    CodecContextHolder context(avcodec_alloc_context3(videoEncoder));
     if (!context) return kErrGeneric;
     context->codec_type = AVMEDIA_TYPE_VIDEO;
     context->codec_id = AV_CODEC_ID_H264;
@@ -192,7 +178,7 @@ int32_t MPEG4FileMuxer::addAudioTrack(const AudioTrackInfo* info) {
     audioStream = stream;
     stream->id = static_cast<int>(formatContext->nb_streams) - 1;
 
-    std::unique_ptr<AVCodecContext, CodecContextDeleter> context(avcodec_alloc_context3(audioEncoder));
+    CodecContextHolder context(avcodec_alloc_context3(audioEncoder));
     if (!context) return kErrGeneric;
     context->codec_id = AV_CODEC_ID_AAC;
     context->codec_type = AVMEDIA_TYPE_AUDIO;
@@ -248,7 +234,7 @@ int32_t MPEG4FileMuxer::start() {
         const AVBitStreamFilter* filter = av_bsf_get_by_name("aac_adtstoasc");
         AVBSFContext* context = nullptr;
         if (filter && av_bsf_alloc(filter, &context) >= 0) {
-            std::unique_ptr<AVBSFContext, BsfDeleter> holder(context);
+            BitstreamFilterHolder holder(context);
             if (avcodec_parameters_copy(context->par_in, audioStream->codecpar) >= 0) {
                 context->time_base_in = audioStream->time_base;
                 if (av_bsf_init(context) >= 0) aacFilter = std::move(holder);

@@ -8,11 +8,7 @@
 #include "base/ThreadMutex.h"
 #include "mux/FileMuxer.h"
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavcodec/bsf.h>
-#include <libavformat/avformat.h>
-}
+#include "base/FFmpegHolders.h"
 
 class MPEG4MuxerThread;
 
@@ -45,18 +41,8 @@ public:
     int32_t stop() override;
     void setNotify(FileMuxerNotify* notify) override;
 
-    struct FormatContextDeleter {
-        void operator()(AVFormatContext* context) const;
-    };
-    struct CodecContextDeleter {
-        void operator()(AVCodecContext* context) const;
-    };
-    struct BsfDeleter {
-        void operator()(AVBSFContext* context) const;
-    };
-
     FileMuxerNotify* notify = nullptr;
-    std::unique_ptr<AVFormatContext, FormatContextDeleter> formatContext;
+    OutputFormatHolder formatContext;
     const AVOutputFormat* outputFormat = nullptr;
     AVStream* videoStream = nullptr;
     AVStream* audioStream = nullptr;
@@ -64,9 +50,9 @@ public:
     const AVCodec* audioEncoder = nullptr;
     // The streams no longer carry a codec context: each track keeps the
     // encoder context it opened, freed where the codecs are closed.
-    std::unique_ptr<AVCodecContext, CodecContextDeleter> videoCodecContext;
-    std::unique_ptr<AVCodecContext, CodecContextDeleter> audioCodecContext;
-    std::unique_ptr<AVBSFContext, BsfDeleter> aacFilter;
+    CodecContextHolder videoCodecContext;
+    CodecContextHolder audioCodecContext;
+    BitstreamFilterHolder aacFilter;
     pthread_mutex_t audioMutex;
     pthread_mutex_t videoMutex;
     pthread_cond_t audioRoom;

@@ -5,9 +5,7 @@
 #include "base/BaseBuffer.h"
 #include "base/BaseThread.h"
 
-extern "C" {
-#include <libavcodec/packet.h>
-}
+#include "base/FFmpegHolders.h"
 
 class MPEG4FileMuxer;
 
@@ -28,10 +26,6 @@ public:
     static constexpr int32_t kFlushInterval = 600;
 
 private:
-    struct PacketDeleter {
-        void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-    };
-
     // One turn of each kind; true when the loop has to end. `wrote` tells
     // whether a sample went to the file.
     bool turnBothTracks(bool* wrote);
@@ -47,8 +41,8 @@ private:
     BaseBuffer videoScratch;
     std::unique_ptr<uint8_t[]> audioBlock;
     std::unique_ptr<uint8_t[]> videoBlock;
-    std::unique_ptr<AVPacket, PacketDeleter> packet;
-    std::unique_ptr<AVPacket, PacketDeleter> filtered;
+    PacketHolder packet;
+    PacketHolder filtered;
     int64_t baseTime = 0;
     int32_t writeCounter = 0;
 };

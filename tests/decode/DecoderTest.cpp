@@ -131,7 +131,7 @@ TEST(SoftMediaDecoderImpl, AudioIsConvertedToInterleavedStereo) {
     ASSERT_EQ(d.open(), 1);
     std::vector<int16_t> pcm(20 * 2048), ref(pcm.size());
     VideoPacket packet;
-    std::unique_ptr<AVPacket, PacketFree> p(av_packet_alloc());
+    PacketHolder p(av_packet_alloc());
     size_t frames = 0;
     for (; frames < 20 && av_read_frame(fmt, p.get()) >= 0; av_packet_unref(p.get())) {
         if (p->stream_index != index) continue;
