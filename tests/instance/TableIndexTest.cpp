@@ -110,7 +110,7 @@ TEST_P(TableIndex, EqualsTheWalkThatReadsEveryByte) {
 // the start; audio that starts before the video; negative composition
 // offsets; variable frame rate; two video streams; a subtitle track; MOV; a
 // file above 20 MiB; tables that point past the end of a truncated file; a
-// cover picture. Then what the tables cannot vouch for: movie fragments, no
+// cover picture; GStreamer's MP4 and MOV. Then what the tables cannot vouch for: movie fragments, no
 // sync sample table (every sample a sync sample, to the tables only), MPEG-TS.
 INSTANTIATE_TEST_SUITE_P(
     Fixtures, TableIndex,
@@ -118,7 +118,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Fixture{"tables_audiofirst.mp4", true}, Fixture{"tables_negcts.mp4", true},
                       Fixture{"tables_vfr.mp4", true}, Fixture{"twovideo.mp4", true}, Fixture{"subtitle.mp4", true},
                       Fixture{"main.mov", true}, Fixture{"large.mp4", true}, Fixture{"truncated.mp4", true},
-                      Fixture{"coverart.mp4", true}, Fixture{"tables_fragmented.mp4", false},
+                      Fixture{"coverart.mp4", true}, Fixture{"tables_gst.mp4", true}, Fixture{"tables_gst.mov", true},
+                      Fixture{"tables_fragmented.mp4", false},
                       Fixture{"tables_nostss.mp4", false}, Fixture{"tables_ts.ts", false}),
     [](const ::testing::TestParamInfo<Fixture>& info) {
         std::string name = info.param.name;

@@ -84,6 +84,15 @@ make tables_vfr.mp4 ff -f lavfi -i "testsrc2=size=320x240:rate=25:duration=5,sel
 make tables_fragmented.mp4 ff $(video) $(tone 44100) $x264 -c:a aac -ac 2 -movflags frag_keyframe+empty_moov -shortest
 # No sync sample table: every sample counts as a sync sample to the tables, only IDR pictures to the bitstream.
 [ -s tables_nostss.mp4 ] || perl -0777 -pe 's/stss/free/' main.mp4 > tables_nostss.mp4
+# Another producer's tables: GStreamer's x264enc with B-frames, into mp4mux and qtmux, with ffmpeg's AAC.
+[ -s tables_tone.aac ] || ff $(tone 44100) -c:a aac -ac 2 tables_tone.aac
+gst() {  # gst MUXER OUTPUT
+  gst-launch-1.0 -q videotestsrc num-buffers=125 pattern=ball ! video/x-raw,width=320,height=240,framerate=25/1 \
+    ! x264enc key-int-max=25 bframes=2 speed-preset=veryfast ! "$1" name=mux ! filesink location="$2" \
+    filesrc location=tables_tone.aac ! aacparse ! mux.
+}
+make tables_gst.mp4 gst mp4mux
+make tables_gst.mov gst qtmux
 # Not MP4 at all: MPEG-TS (video only: AAC in MPEG-TS has a 90 kHz time base and is refused).
 make tables_ts.ts ff -i noaudio.mp4 -c copy
 
