@@ -15,6 +15,8 @@ constexpr uint32_t fourcc(const char (&name)[5]) {
 
 // Enough for any real movie box; a file with more is not vouched for.
 constexpr int kMaxBoxes = 20000;
+// moov, trak, mdia, minf, stbl: where the sample tables lie.
+constexpr int kSampleTableDepth = 5;
 // Samples of each kind held against the parser, per video stream.
 constexpr size_t kUnmarkedChecked = 4;
 // A sample larger than this is not read for the check: the file takes the full walk.
@@ -71,9 +73,11 @@ bool blocksTables(uint32_t type) {
 }
 
 // Walks the boxes of [start, end), and into the containers on the way to the
-// sample tables. At the top a box may run past the end of a truncated file,
-// unless it is the movie box.
-void scanBoxes(FileInput& input, int64_t start, int64_t end, bool top, LayoutScan& scan) {
+// sample tables, as deep as they are nested in a movie box (depth 0 is the
+// file). At the top a box may run past the end of a truncated file, unless
+// it is the movie box.
+void scanBoxes(FileInput& input, int64_t start, int64_t end, int depth, LayoutScan& scan) {
+    const bool top = depth == 0;
     for (int64_t offset = start; offset < end && !scan.blocked;) {
         Box box;
         if (++scan.boxes > kMaxBoxes || !readBox(input, offset, end, &box)) {
@@ -86,7 +90,8 @@ void scanBoxes(FileInput& input, int64_t start, int64_t end, bool top, LayoutSca
             return;
         }
         if (top && box.type == fourcc("moov")) ++scan.movies;
-        if (leadsToSampleTables(box.type)) scanBoxes(input, box.body, box.end, false, scan);
+        if (leadsToSampleTables(box.type) && depth < kSampleTableDepth)
+            scanBoxes(input, box.body, box.end, depth + 1, scan);
         if (cut) return;
         offset = box.end;
     }
@@ -155,7 +160,7 @@ bool isMovFamily(const AVInputFormat* format) {
 
 bool layoutAllowsTables(FileInput& input) {
     LayoutScan scan;
-    scanBoxes(input, 0, input.size(), true, scan);
+    scanBoxes(input, 0, input.size(), 0, scan);
     return !scan.blocked && scan.movies == 1;
 }
 
