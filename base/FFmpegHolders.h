@@ -50,6 +50,17 @@ struct BlockFree {
 struct DictionaryFree {
     void operator()(AVDictionary* dictionary) const { av_dict_free(&dictionary); }
 };
+// libavformat may swap the buffer a custom I/O context was given for one of
+// its own: the one in use goes with the context.
+struct IOContextFree {
+    void operator()(AVIOContext* io) const {
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+    }
+};
+struct ParserFree {
+    void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
+};
 
 }  // namespace ffmpeg_holders
 
@@ -65,3 +76,6 @@ using AvBlockHolder = std::unique_ptr<uint8_t, ffmpeg_holders::BlockFree>;
 // AVDictionary is built through a pointer-to-pointer: fill a raw pointer, then
 // hand it to a holder (or use DictionaryHolder::release / reset around the calls).
 using DictionaryHolder = std::unique_ptr<AVDictionary, ffmpeg_holders::DictionaryFree>;
+// An I/O context made with avio_alloc_context, with its buffer.
+using IOContextHolder = std::unique_ptr<AVIOContext, ffmpeg_holders::IOContextFree>;
+using ParserHolder = std::unique_ptr<AVCodecParserContext, ffmpeg_holders::ParserFree>;

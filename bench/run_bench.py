@@ -1,63 +1,121 @@
 #!/usr/bin/env python3
-"""Runs every benchmark program beside its reference and prints one table.
+"""Runs every benchmark job beside its reference and prints one table.
 
-Each program prints lines `RESULT name=<id> key=value ...`; this script adds
-the peak resident memory of each program (from wait4) and the walk's extra
-references (ffprobe -show_packets, ffmsindex), then prints medians, ratios
-and targets side by side.
+Each job is a whole process as a host lives it: bench_host creates an
+instance, indexes the clip and makes one request; the reference is the ffmpeg
+tool (or a plain av_read_frame loop) doing the same job from a fresh process.
+Runs alternate, after one warm-up of each, so both read from the page cache.
+A row is one entry of ROWS: a name, bench_host's arguments, the reference
+command(s) and the target for the whole-process ratio.
+
+Usage: run_bench.py BUILD_DIR CLIP [REPS]
 """
 import os
-import shutil
 import statistics
 import subprocess
 import sys
+import tempfile
 import time
 
 build, clip, reps = sys.argv[1], sys.argv[2], int(sys.argv[3]) if len(sys.argv) > 3 else 3
+host = os.path.join(build, "bench", "bench_host")
+scratch = tempfile.mkdtemp(prefix="tessalo_bench.")
+FFMPEG = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
+FIVE = [(20, 50), (110, 140), (230, 260), (350, 380), (480, 510)]
 
 
-def run(argv):
-    """Runs argv, returns (stdout, peak RSS in MiB)."""
-    proc = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-    out = proc.stdout.read()
-    _, status, usage = os.wait4(proc.pid, 0)
-    proc.returncode = os.waitstatus_to_exitcode(status)
-    if proc.returncode != 0:
-        print(f"warning: {' '.join(argv)} exited with {proc.returncode}", file=sys.stderr)
-    return out, usage.ru_maxrss / 1024.0
+def out(name):
+    return os.path.join(scratch, name)
+
+
+def ffmpeg_concat():
+    """ffmpeg's five -c copy segments joined with the concat demuxer."""
+    commands, listing = [], out("segments.txt")
+    with open(listing, "w") as f:
+        for i, (a, b) in enumerate(FIVE):
+            segment = out(f"segment{i}.mp4")
+            commands.append(FFMPEG + ["-ss", str(a), "-to", str(b), "-i", clip, "-c", "copy", segment])
+            f.write(f"file '{segment}'\n")
+    commands.append(FFMPEG + ["-f", "concat", "-safe", "0", "-i", listing, "-c", "copy", out("concat.mp4")])
+    return commands
+
+
+# name, bench_host arguments, reference commands, target for the whole-process ratio
+ROWS = [
+    ("index", ["index", clip], [[host, "read_frame", clip]], 0.10),
+    ("one picture at 300 s", ["picture", clip, "300000"],
+     [FFMPEG + ["-ss", "300", "-i", clip, "-frames:v", "1", "-f", "rawvideo", "/dev/null"]], 0.5),
+    ("all key pictures, BGR24", ["keys_bgr24", clip],
+     [FFMPEG + ["-skip_frame", "nokey", "-i", clip, "-fps_mode", "passthrough", "-pix_fmt", "bgr24", "-f", "rawvideo",
+                "/dev/null"]], 0.4),
+    ("one 300 s range cut", ["cut", clip, out("one.mp4"), "100000-400000"],
+     [FFMPEG + ["-ss", "100", "-to", "400", "-i", clip, "-c", "copy", out("ref_one.mp4")]], 1.0),
+    ("five ranges", ["cut", clip, out("five.mp4"), ",".join(f"{a * 1000}-{b * 1000}" for a, b in FIVE)],
+     ffmpeg_concat(), 0.3),
+]
 
 
 def timed(argv):
     start = time.monotonic()
-    subprocess.run(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
+    proc = subprocess.run(argv, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    if proc.returncode != 0:
+        sys.exit(f"{' '.join(argv)} exited with {proc.returncode}: {proc.stderr.strip()}")
     return time.monotonic() - start
 
 
-rows = []
-programs = sorted(p for p in os.listdir(os.path.join(build, "bench"))
-                  if p.endswith("_bench") and os.access(os.path.join(build, "bench", p), os.X_OK))
-for program in programs:
-    out, rss = run([os.path.join(build, "bench", program), clip, str(reps)])
-    for line in out.splitlines():
-        if not line.startswith("RESULT "):
-            continue
-        fields = dict(kv.split("=", 1) for kv in line.split()[1:] if "=" in kv)
-        fields.setdefault("rss", f"{rss:.0f}")
-        fields["program"] = program
-        rows.append(fields)
+def ours(args):
+    """One host process: (wall s, its HOST fields, peak RSS MiB)."""
+    start = time.monotonic()
+    proc = subprocess.Popen([host] + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    stdout = proc.stdout.read()
+    stderr = proc.stderr.read()
+    _, status, usage = os.wait4(proc.pid, 0)
+    wall = time.monotonic() - start
+    if os.waitstatus_to_exitcode(status) != 0:
+        sys.exit(f"bench_host {' '.join(args)} failed: {stderr.strip()}")
+    fields = dict(kv.split("=", 1) for line in stdout.splitlines() if line.startswith("HOST ")
+                  for kv in line.split()[1:])
+    return wall, fields, usage.ru_maxrss / 1024.0
 
-# The walk's further references: ffprobe listing every packet, and ffmsindex.
-walk = next((r for r in rows if r.get("name", "").startswith("walk")), None)
-if walk and "median_s" in walk:
-    references = [("ffprobe -show_packets", ["ffprobe", "-v", "error", "-show_packets", "-of", "compact", clip])]
-    if shutil.which("ffmsindex"):
-        references.append(("ffmsindex", ["ffmsindex", "-f", clip, os.path.join(build, "bench", "long.ffindex")]))
-    for label, argv in references:
-        ref = statistics.median(timed(argv) for _ in range(reps))
-        rows.append({"name": f"walk vs {label}", "median_s": walk["median_s"], "ref_median_s": f"{ref:.3f}",
-                     "ratio": f"{float(walk['median_s']) / ref:.2f}", "target": "-", "rss": walk["rss"]})
 
-print(f"{'benchmark':44} {'median s':>9} {'ref s':>9} {'ratio':>7} {'target':>8} {'value':>12} {'peak MiB':>9}")
-for r in rows:
-    print(f"{r.get('name', '?'):44} {r.get('median_s', '-'):>9} {r.get('ref_median_s', '-'):>9} "
-          f"{r.get('ratio', '-'):>7} {r.get('target', '-'):>8} {r.get('value', '-'):>12} {r.get('rss', '-'):>9}")
+def reference(commands):
+    return sum(timed(c) for c in commands)
+
+
+size = os.path.getsize(clip)
+results = []
+for name, args, refs, target in ROWS:
+    ours(args), reference(refs)  # warm-up
+    walls, requests, rchar, disk, rss, theirs = [], [], [], [], [], []
+    for _ in range(reps):
+        wall, fields, peak = ours(args)
+        walls.append(wall)
+        requests.append(float(fields["index_s" if args[0] == "index" else "request_s"]))
+        rchar.append(int(fields["walk_rchar"]))
+        disk.append(int(fields["walk_read_bytes"]))
+        rss.append(peak)
+        theirs.append(reference(refs))
+    m = statistics.median
+    results.append((name, m(requests), m(walls), m(theirs), target, m(rchar), m(disk), max(rss)))
+
+print(f"clip: {clip} ({size / 2**20:.1f} MiB), median of {reps} runs; ratios are ours / reference")
+print(f"{'job':26} {'request s':>9} {'process s':>9} {'ref s':>7} {'request x':>9} {'process x':>9} "
+      f"{'target':>6} {'met':>4} {'walk read':>14} {'peak MiB':>8}")
+for name, request, wall, ref, target, rchar, disk, rss in results:
+    ratio = wall / ref
+    print(f"{name:26} {request:9.3f} {wall:9.3f} {ref:7.3f} {request / ref:9.2f} {ratio:9.2f} {target:6.2f} "
+          f"{'yes' if ratio <= target else 'no':>4} {rchar / 2**20:6.2f} MiB {100 * rchar / size:4.1f}% {rss:8.0f}")
+index = next(r for r in results if r[0] == "index")
+cut = next(r for r in results if r[0] == "one 300 s range cut")
+print(f"walk: {index[5]:,} bytes read ({100 * index[5] / size:.2f}% of the file, target <= 2%), "
+      f"{index[6]:,} of them from the device rather than the page cache")
+print(f"peak memory of the one-range cut process: {cut[7]:.0f} MiB (target <= 160)")
+
+# Programs that time a part rather than a job (the muxer alone) print their own RESULT lines.
+for program in sorted(p for p in os.listdir(os.path.join(build, "bench")) if p.endswith("_bench")):
+    proc = subprocess.run([os.path.join(build, "bench", program), clip, str(reps)], stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL, text=True)
+    for line in proc.stdout.splitlines():
+        if line.startswith("RESULT "):
+            print(f"{program}: {line[7:]}")
+subprocess.run(["rm", "-rf", scratch])

@@ -1,5 +1,6 @@
 #include "demux/AVStreamParse.h"
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -11,6 +12,7 @@ extern "C" {
 }
 
 #include "base/Log.h"
+#include "demux/TableWalkCheck.h"
 
 namespace {
 
@@ -18,6 +20,8 @@ constexpr int kMissingFile = -2;  // AVERROR(ENOENT)
 constexpr int kMaxReadFailures = 50;
 
 using FilterHolder = BitstreamFilterHolder;
+
+std::atomic<bool> gFullWalkForced{false};
 
 // Copies `size` bytes into a new block; null for an empty or missing source
 // (and when the block cannot be had, so that size and block stay in step).
@@ -84,6 +88,8 @@ bool listHas(const int32_t* list, uint16_t count, int index) {
 
 }  // namespace
 
+void setFullWalkForced(bool forced) { gFullWalkForced.store(forced); }
+
 AVStreamParse::AVStreamParse() { resetFields(); }
 
 AVStreamParse::~AVStreamParse() {
@@ -145,7 +151,12 @@ int AVStreamParse::open(const char* source) {
     }
     // A second open would hand FFmpeg a context it already filled.
     closeInput();
-    int result = avformat_open_input(&formatContext, source, nullptr, nullptr);
+    int result = 0;
+    if (!openFromTables(source)) {
+        AVFormatContext* opened = nullptr;
+        result = avformat_open_input(&opened, source, nullptr, nullptr);
+        formatContext.reset(opened);
+    }
     if (result == kMissingFile) {
         Log("AVStream", "Could not open input stream.ret=%d  stream path = %s, url is error \n", result,
             source);
@@ -160,13 +171,39 @@ int AVStreamParse::open(const char* source) {
     return 0;
 }
 
+// Opens an MP4 or MOV file through a FileInput when its tables can stand in
+// for its payloads (TableWalkCheck.h); false leaves nothing open, and the
+// caller opens the input by path. With the parsers off, a video packet's key
+// mark is the sync sample table's, and nothing but the stream information
+// reads a payload.
+bool AVStreamParse::openFromTables(const char* source) {
+    if (gFullWalkForced.load()) return false;
+    std::unique_ptr<FileInput> file = FileInput::open(source);
+    if (!file) return false;
+    const AVInputFormat* format = nullptr;
+    if (av_probe_input_buffer2(file->context(), &format, source, nullptr, 0, 0) < 0 || !isMovFamily(format) ||
+        !layoutAllowsTables(*file))
+        return false;
+    AVFormatContext* opened = avformat_alloc_context();
+    if (!opened) return false;
+    opened->pb = file->context();
+    opened->flags |= AVFMT_FLAG_NOPARSE;
+    // A failed open frees the context but leaves the I/O layer to its owner.
+    if (avformat_open_input(&opened, source, format, nullptr) != 0) return false;
+    InputFormatHolder context(opened);
+    if (!streamsAllowTables(*file, context.get())) return false;
+    input = std::move(file);
+    formatContext = std::move(context);
+    return true;
+}
+
 int AVStreamParse::sendNotify(int kind, int detail, void* data) {
     return notify ? notify(kind, detail, data, notifyData) : 0;
 }
 
 int AVStreamParse::scanStreams() {
     if (!formatContext) return 1;
-    if (avformat_find_stream_info(formatContext, nullptr) < 0) return 1;
+    if (avformat_find_stream_info(formatContext.get(), nullptr) < 0) return 1;
     duration = formatContext->duration == AV_NOPTS_VALUE
                    ? 0.0
                    : static_cast<double>(formatContext->duration) / 1000.0;
@@ -322,8 +359,8 @@ const AVCodec* AVStreamParse::openDecoder(AVStream* stream) {
 void AVStreamParse::closeInput() {
     if (!formatContext) return;
     codecContexts.clear();
-    avformat_close_input(&formatContext);
-    formatContext = nullptr;
+    formatContext.reset();
+    input.reset();
 }
 
 bool AVStreamParse::isStopping() {
@@ -355,10 +392,13 @@ void AVStreamParse::readLoop() {
         sendNotify(kParseError, 0, nullptr);
         return;
     }
+    // The header and the stream information are known: from here on, a walk
+    // from the tables leaves the payloads in the file.
+    if (input) input->skipPayloads();
 
     for (;;) {
         if (isStopping()) break;
-        int result = av_read_frame(formatContext, packet.get());
+        int result = av_read_frame(formatContext.get(), packet.get());
         if (result == AVERROR_EOF) {
             sendNotify(kParseEnded, 1, nullptr);
             sendNotify(kParseEnded, 2, nullptr);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/FFmpegHolders.h"
+#include "demux/FileInput.h"
 
 // One packet as the reader reports it with kParsePacket. A local of the read
 // loop: `data` is valid only during the notification.
@@ -46,6 +47,12 @@ constexpr size_t kParsePathSize = 2048;
 // Bytes of the ADTS header put in front of every audio packet.
 constexpr int32_t kAdtsHeaderSize = 7;
 
+// For the tests that hold the index from the sample tables against the walk
+// that reads every byte: while set, every parser opens its input as it did
+// before the tables were used, by path, with libavformat's own file access
+// and parsers. Any thread; takes effect at the next open.
+void setFullWalkForced(bool forced);
+
 // Fields are public: the demuxer reads them as properties and wakes the
 // reader through the mutex and condition.
 class AVStreamParse {
@@ -57,7 +64,10 @@ public:
 
     // 0 on success, 1 when `function` is null.
     int init(ParseNotify function, void* user);
-    // 0 when the input is open, 1 on failure (`source` may be null).
+    // 0 when the input is open, 1 on failure (`source` may be null). An MP4
+    // or MOV file whose sample tables can stand in for its payloads is read
+    // through a FileInput that stops fetching payloads when the walk begins;
+    // any other input is opened by path and read in full.
     int open(const char* source);
     // 0 when the file was accepted and the reader runs, 1 on failure.
     int scanStreams();
@@ -78,7 +88,10 @@ public:
                          int32_t channels);
 
     std::unique_ptr<char[]> path;  // kParsePathSize bytes once init ran
-    AVFormatContext* formatContext = nullptr;
+    // The I/O layer under formatContext when the walk comes from the tables,
+    // else null. It must outlive the context: closeInput closes both, in order.
+    std::unique_ptr<FileInput> input;
+    InputFormatHolder formatContext;
     uint16_t audioCount = 0;
     uint16_t videoCount = 0;
     uint16_t subtitleCount = 0;
@@ -122,6 +135,7 @@ public:
 
 private:
     void resetFields();
+    bool openFromTables(const char* source);
     int scanVideo(AVStream* stream, int index);
     int scanAudio(AVStream* stream, int index);
     int sendNotify(int kind, int detail, void* data);

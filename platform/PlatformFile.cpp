@@ -1,6 +1,7 @@
 #include "platform/PlatformFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,6 +20,28 @@ PlatformFile openWith(const std::wstring& path, int flags) {
     file.fd = ::open(bytes.c_str(), flags | O_CLOEXEC, 0644);
     return file;
 }
+
+// Reads until `length` bytes or the end of the file, from the file position
+// (offset -1) or from `offset` without moving it.
+bool readAll(PlatformFile file, void* buffer, uint32_t length, uint32_t* got, int64_t offset) {
+    if (got) *got = 0;
+    if (!file.isOpen() || (!buffer && length > 0)) return false;
+    uint32_t total = 0;
+    auto* out = static_cast<uint8_t*>(buffer);
+    while (total < length) {
+        const ssize_t n = offset < 0 ? ::read(file.fd, out + total, length - total)
+                                     : ::pread(file.fd, out + total, length - total, static_cast<off_t>(offset + total));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            if (got) *got = total;
+            return false;
+        }
+        if (n == 0) break;
+        total += static_cast<uint32_t>(n);
+    }
+    if (got) *got = total;
+    return true;
+}
 }  // namespace
 
 PlatformFile openFileRead(const std::wstring& path) { return openWith(path, O_RDONLY); }
@@ -34,21 +57,21 @@ bool moveFilePointer(PlatformFile file, int32_t distance, MoveFrom from) {
 }
 
 bool readFile(PlatformFile file, void* buffer, uint32_t length, uint32_t* got) {
-    if (got) *got = 0;
-    if (!file.isOpen() || (!buffer && length > 0)) return false;
-    uint32_t total = 0;
-    auto* out = static_cast<uint8_t*>(buffer);
-    while (total < length) {
-        const ssize_t n = ::read(file.fd, out + total, length - total);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            if (got) *got = total;
-            return false;
-        }
-        if (n == 0) break;
-        total += static_cast<uint32_t>(n);
+    return readAll(file, buffer, length, got, -1);
+}
+
+bool readFileAt(PlatformFile file, int64_t offset, void* buffer, uint32_t length, uint32_t* got) {
+    if (offset < 0) {
+        if (got) *got = 0;
+        return false;
     }
-    if (got) *got = total;
+    return readAll(file, buffer, length, got, offset);
+}
+
+bool regularFileSize(PlatformFile file, int64_t* size) {
+    struct stat facts {};
+    if (!file.isOpen() || ::fstat(file.fd, &facts) != 0 || !S_ISREG(facts.st_mode)) return false;
+    *size = static_cast<int64_t>(facts.st_size);
     return true;
 }
 

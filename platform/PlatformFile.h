@@ -21,6 +21,11 @@ PlatformFile openFileReadWrite(const std::wstring& path);
 bool moveFilePointer(PlatformFile file, int32_t distance, MoveFrom from);
 // Reads up to `length` bytes; `got` receives the count, 0 at the end of the file.
 bool readFile(PlatformFile file, void* buffer, uint32_t length, uint32_t* got);
+// Reads up to `length` bytes at `offset` without moving the file position;
+// `got` receives the count, 0 at or past the end of the file.
+bool readFileAt(PlatformFile file, int64_t offset, void* buffer, uint32_t length, uint32_t* got);
+// The size of a regular file; false for anything else (a directory, a pipe, a device).
+bool regularFileSize(PlatformFile file, int64_t* size);
 // Closes and marks the handle closed; a closed handle is left alone.
 void closeFile(PlatformFile& file);
 

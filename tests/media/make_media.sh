@@ -72,4 +72,28 @@ make vp9.webm ff $(video 320x240 2) -c:v libvpx-vp9 -deadline realtime -cpu-used
 make large.mp4 ff -f lavfi -i "testsrc2=size=640x360:rate=25:duration=3,noise=alls=40:allf=t" $(tone 44100 3) \
   -c:v libx264 -preset ultrafast -qp 0 -g 25 -keyint_min 25 -sc_threshold 0 -pix_fmt yuv420p -c:a aac -ac 2 -shortest
 
+# The index from the sample tables, against the walk that reads every byte.
+# Audio that starts before the video: the video's edit list opens with an empty edit.
+make tables_audiofirst.mp4 ff -itsoffset 0.5 -i noaudio.mp4 $(tone 44100 6) -map 0:v -map 1:a -c:v copy -c:a aac -ac 2
+# Negative composition offsets in place of the B-frame delay edit.
+make tables_negcts.mp4 ff $(video) $(tone 44100) $x264 -c:a aac -ac 2 -movflags negative_cts_offsets -shortest
+# Variable frame rate: pictures dropped at irregular places, the rest keep their times.
+make tables_vfr.mp4 ff -f lavfi -i "testsrc2=size=320x240:rate=25:duration=5,select='not(eq(mod(n\,7)\,3))*not(eq(mod(n\,11)\,5))'" \
+  $(tone 44100) $x264 -fps_mode vfr -c:a aac -ac 2 -shortest
+# Fragmented: the samples are described by movie fragments, not by the movie box.
+make tables_fragmented.mp4 ff $(video) $(tone 44100) $x264 -c:a aac -ac 2 -movflags frag_keyframe+empty_moov -shortest
+# No sync sample table: every sample counts as a sync sample to the tables, only IDR pictures to the bitstream.
+[ -s tables_nostss.mp4 ] || perl -0777 -pe 's/stss/free/' main.mp4 > tables_nostss.mp4
+# Another producer's tables: GStreamer's x264enc with B-frames, into mp4mux and qtmux, with ffmpeg's AAC.
+[ -s tables_tone.aac ] || ff $(tone 44100) -c:a aac -ac 2 tables_tone.aac
+gst() {  # gst MUXER OUTPUT
+  gst-launch-1.0 -q videotestsrc num-buffers=125 pattern=ball ! video/x-raw,width=320,height=240,framerate=25/1 \
+    ! x264enc key-int-max=25 bframes=2 speed-preset=veryfast ! "$1" name=mux ! filesink location="$2" \
+    filesrc location=tables_tone.aac ! aacparse ! mux.
+}
+make tables_gst.mp4 gst mp4mux
+make tables_gst.mov gst qtmux
+# Not MP4 at all: MPEG-TS (video only: AAC in MPEG-TS has a 90 kHz time base and is refused).
+make tables_ts.ts ff -i noaudio.mp4 -c copy
+
 touch .complete
