@@ -72,4 +72,8 @@ make vp9.webm ff $(video 320x240 2) -c:v libvpx-vp9 -deadline realtime -cpu-used
 make large.mp4 ff -f lavfi -i "testsrc2=size=640x360:rate=25:duration=3,noise=alls=40:allf=t" $(tone 44100 3) \
   -c:v libx264 -preset ultrafast -qp 0 -g 25 -keyint_min 25 -sc_threshold 0 -pix_fmt yuv420p -c:a aac -ac 2 -shortest
 
+# Python package: a phone-style display rotation. The track header's matrix
+# turns the stored 64x48 picture 90 degrees clockwise for display.
+make rotated90.mp4 ff -i tiny.mp4 -c copy -metadata:s:v:0 rotate=-90
+
 touch .complete
