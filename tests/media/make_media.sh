@@ -96,4 +96,8 @@ make tables_gst.mov gst qtmux
 # Not MP4 at all: MPEG-TS (video only: AAC in MPEG-TS has a 90 kHz time base and is refused).
 make tables_ts.ts ff -i noaudio.mp4 -c copy
 
+# Python package: a phone-style display rotation. The track header's matrix
+# turns the stored 64x48 picture 90 degrees clockwise for display.
+make rotated90.mp4 ff -i tiny.mp4 -c copy -metadata:s:v:0 rotate=-90
+
 touch .complete
