@@ -1,6 +1,7 @@
 #include "platform/PlatformFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,22 +11,20 @@
 
 namespace {
 std::atomic<FileMoveHook> gMoveHook{nullptr};
+std::atomic<FileOpenHook> gOpenHook{nullptr};
 
 PlatformFile openWith(const std::wstring& path, int flags) {
     PlatformFile file;
     if (path.empty()) return file;
     const std::string bytes = wideToUtf8(path);
     if (bytes.empty()) return file;
-    file.fd = ::open(bytes.c_str(), flags | O_CLOEXEC, 0644);
+    file.fd = ::open(bytes.c_str(), flags | O_CLOEXEC);
+    if (FileOpenHook hook = gOpenHook.load()) hook(bytes, flags | O_CLOEXEC);
     return file;
 }
 }  // namespace
 
 PlatformFile openFileRead(const std::wstring& path) { return openWith(path, O_RDONLY); }
-
-PlatformFile openFileReadWrite(const std::wstring& path) {
-    return openWith(path, O_RDWR | O_CREAT);
-}
 
 bool moveFilePointer(PlatformFile file, int32_t distance, MoveFrom from) {
     if (FileMoveHook hook = gMoveHook.load()) hook(distance, from);
@@ -57,4 +56,15 @@ void closeFile(PlatformFile& file) {
     file.fd = -1;
 }
 
+bool removeFile(const char* path) { return path && *path && ::unlink(path) == 0; }
+
+bool sameFile(const char* a, const char* b) {
+    struct stat first {};
+    struct stat second {};
+    if (!a || !b || ::stat(a, &first) != 0 || ::stat(b, &second) != 0) return false;
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 void setFileMoveHook(FileMoveHook hook) { gMoveHook.store(hook); }
+
+void setFileOpenHook(FileOpenHook hook) { gOpenHook.store(hook); }
