@@ -4,29 +4,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "edit/FileEditer.h"
-#include "instance/TessaloImpl.h"
+#include "RealHost.h"
 #include "support/ProbeIndex.h"
-#include "support/TestSupport.h"
 
 namespace {
-
-// Takes the offsets report inside the done event, as a host does.
-struct RealHost {
-    static int32_t callback(void* user, int32_t event) {
-        auto* self = static_cast<RealHost*>(user);
-        std::vector<EditOffset> got(self->asked);
-        int32_t n = 0;
-        if (event == kHostEventCutDone && self->in.editor->getEditOffsetPts(got.data(), int32_t(got.size()), &n))
-            self->report.assign(got.begin(), got.begin() + n);
-        self->events.record(event);
-        return 0;
-    }
-    tsltest::EventRecorder events;
-    size_t asked = 0;
-    std::vector<EditOffset> report;
-    Morvel_Tessalo::TessaloImpl in{this, &RealHost::callback};  // last: its threads end before the rest goes
-};
 
 // Ranges after the first end on a key frame or run to the end: one ending on a
 // B-frame misses the 86 ms closing step, and ffmpeg then reports the next

@@ -72,4 +72,16 @@ make vp9.webm ff $(video 320x240 2) -c:v libvpx-vp9 -deadline realtime -cpu-used
 make large.mp4 ff -f lavfi -i "testsrc2=size=640x360:rate=25:duration=3,noise=alls=40:allf=t" $(tone 44100 3) \
   -c:v libx264 -preset ultrafast -qp 0 -g 25 -keyint_min 25 -sc_threshold 0 -pix_fmt yuv420p -c:a aac -ac 2 -shortest
 
+# A/V sync: the picture flashes white and the audio starts a 1 kHz beep at every whole second, so a cut's
+# sync can be measured on what a player shows. Groups of 37 pictures keep the key frames off the whole
+# seconds; B-frames throughout.
+sync_source() {  # FPS RATE
+  echo "-f lavfi -i color=c=black:size=160x90:rate=$1:duration=12,geq=lum=if(eq(mod(N\,$1)\,0)\,235\,16):cb=128:cr=128"
+  echo "-f lavfi -i aevalsrc=if(lt(mod(t\,1)\,0.1)\,0.5*sin(2*PI*1000*t)\,0):s=$2:d=12"
+}
+sync264="-c:v libx264 -preset veryfast -g 37 -keyint_min 37 -sc_threshold 0 -pix_fmt yuv420p"
+make sync24.mp4 ff $(sync_source 24 44100) $sync264 -bf 2 -c:a aac -ac 1 -b:a 64k -shortest
+make sync25.mp4 ff $(sync_source 25 48000) $sync264 -bf 3 -c:a aac -ac 2 -b:a 64k -shortest
+make sync30.mp4 ff $(sync_source 30 44100) $sync264 -bf 2 -c:a aac -ac 2 -b:a 64k -shortest
+
 touch .complete
