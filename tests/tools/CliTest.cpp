@@ -254,7 +254,7 @@ TEST(CliCut, TwoRangesDecodeOffsetsMoveToTheOutputAndFailedJobsNameTheirCause) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {q(file) + " -o " + q(dir + "/a.mp4") + " -r 0-1000 -r 60000-61000",
          "range 2 (60000-61000 ms) starts after the last picture"},
-        {q(media("noaudio.mp4")) + " -o " + q(dir + "/b.mp4") + " -r 0-1000", "no audio track"},
+        {q(media("noaudio.mp4")) + " -o " + q(dir + "/b.mp4") + " -r 0-1000 --kind 0", "no audio track"},
         {q(file) + " -o " + q(dir + "/none/c.mp4") + " -r 0-1000", "no folder"},
     };
     for (const auto& [args, says] : cases) {
@@ -265,6 +265,45 @@ TEST(CliCut, TwoRangesDecodeOffsetsMoveToTheOutputAndFailedJobsNameTheirCause) {
     }
     // What was written before the range failed is no cut of the ranges asked for.
     EXPECT_FALSE(std::filesystem::exists(dir + "/a.mp4"));
+}
+
+// A cut whose output can't be written names the cause in one sentence, leaves no output and exits 1: a
+// file size limit that the output passes mid-way (the program ignores SIGXFSZ itself), in both kinds, and
+// an output that can't even take its header.
+TEST(CliCut, AnUnwritableOutputIsExplainedAndRemoved) {
+    const std::string file = media("main.mp4"), dir = tsltest::scratchDir();
+    std::filesystem::create_symlink("/dev/full", dir + "/full.mp4");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"ulimit -f 200; exec ", " -o " + q(dir + "/big.mp4") + " --kind 0"},
+        {"ulimit -f 200; exec ", " -o " + q(dir + "/big.mp4")},
+        {"exec ", " -o " + q(dir + "/full.mp4")},
+    };
+    for (const auto& [limit, output] : cases) {
+        int status = -1;
+        const std::string err = tsltest::run("sh -c " + q(limit + q(TSL_CLI_PATH) + " cut " + q(file) + output +
+                                                  " -r 0-4500 2>&1 >/dev/null"), &status);
+        EXPECT_EQ(status, 1) << output;
+        const bool full = output.find("full.mp4") != std::string::npos;
+        EXPECT_EQ(err, "tessalo: could not write " + dir + (full ? "/full.mp4: writing to it failed\n"
+                                                                  : "/big.mp4: the file would pass the size limit of this process\n"));
+        EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(dir + (full ? "/full.mp4" : "/big.mp4"))));
+    }
+    EXPECT_TRUE(std::filesystem::exists("/dev/full"));
+}
+
+// On a disk that fills: a small tmpfs in a mount namespace of its own, where the system lets a test make one.
+TEST(CliCut, AFullDiskIsNamedAsSuch) {
+    const std::string dir = tsltest::scratchDir() + "/small";
+    std::filesystem::create_directories(dir);
+    int status = -1;
+    tsltest::run("unshare -rm sh -c " + q("mount -t tmpfs -o size=64k none " + q(dir)) + " 2>/dev/null", &status);
+    if (status != 0) GTEST_SKIP() << "no mount namespace with tmpfs here";
+    const std::string script = "mount -t tmpfs -o size=64k none " + q(dir) + " && " + q(TSL_CLI_PATH) + " cut " +
+                               q(media("main.mp4")) + " -o " + q(dir + "/out.mp4") + " -r 0-4500 >/dev/null; rc=$?; " +
+                               "ls -A " + q(dir) + "; exit $rc";
+    const std::string out = tsltest::run("unshare -rm sh -c " + q(script) + " 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(out, "tessalo: could not write " + dir + "/out.mp4: the disk is full\n");  // and nothing listed
 }
 
 TEST(CliDemo, MakesAnH264AacClipThenThumbsASheetAndACut) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <iostream>
 #include <streambuf>
 
@@ -112,6 +113,11 @@ int main(int argc, char** argv) {
         ->take_all();
     cut->add_option("--offset", offsetTexts, "Pair of source times A-B to translate to the output's timeline");
     cut->add_flag("--json", settings.json, "Print JSON");
+    cut->add_option("--kind", settings.cutKind,
+                    "1: audio and video keep the source's own offset, ranges join without overlap (default); "
+                    "0: the original timeline, with fixed steps at each join")
+        ->check(CLI::Range(0, 1))
+        ->capture_default_str();
 
     auto* demo = app.add_subcommand("demo", "Make a sample clip, then run info, thumbs and a cut on it");
     demo->add_option("-o,--output", demoDir, "Folder for what the demo makes")->capture_default_str();
@@ -124,6 +130,9 @@ int main(int argc, char** argv) {
     }
 
     quietFfmpeg();
+    // A file size limit makes a write past it fail, as a full disk does,
+    // instead of ending the program.
+    std::signal(SIGXFSZ, SIG_IGN);
     // The library prints a few diagnostics of its own to standard output.
     // They must not mix with what this program prints (JSON above all), so
     // its output keeps a private copy of the descriptor and descriptor 1
