@@ -261,6 +261,8 @@ TEST(CliCut, TwoRangesDecodeOffsetsMoveToTheOutputAndFailedJobsNameTheirCause) {
         const auto failed = tessalo("cut " + args + " --json");
         EXPECT_EQ(failed.status, 1) << args;
         EXPECT_TRUE(failed.out.empty()) << failed.out;  // whatever the library prints stays off stdout
+        EXPECT_EQ(failed.err.rfind("tessalo: ", 0), 0u) << failed.err;  // and off the message
+        EXPECT_EQ(std::count(failed.err.begin(), failed.err.end(), '\n'), 1) << failed.err;
         EXPECT_NE(failed.err.find(says), std::string::npos) << failed.err;
     }
     // What was written before the range failed is no cut of the ranges asked for.
@@ -291,19 +293,28 @@ TEST(CliCut, AnUnwritableOutputIsExplainedAndRemoved) {
     EXPECT_TRUE(std::filesystem::exists("/dev/full"));
 }
 
-// On a disk that fills: a small tmpfs in a mount namespace of its own, where the system lets a test make one.
-TEST(CliCut, AFullDiskIsNamedAsSuch) {
-    const std::string dir = tsltest::scratchDir() + "/small";
-    std::filesystem::create_directories(dir);
+// Where the system lets a test make mounts of its own (a mount namespace): a disk that fills (a small
+// tmpfs) is named as such, and a source on a read-only mount is cut.
+TEST(CliCut, AFullDiskIsNamed_AReadOnlySourceIsCut) {
+    const std::string dir = tsltest::scratchDir(), small = dir + "/small", readOnly = dir + "/ro";
+    std::filesystem::create_directories(small);
+    std::filesystem::create_directories(readOnly);
+    std::filesystem::copy_file(media("main.mp4"), readOnly + "/main.mp4");
     int status = -1;
-    tsltest::run("unshare -rm sh -c " + q("mount -t tmpfs -o size=64k none " + q(dir)) + " 2>/dev/null", &status);
-    if (status != 0) GTEST_SKIP() << "no mount namespace with tmpfs here";
-    const std::string script = "mount -t tmpfs -o size=64k none " + q(dir) + " && " + q(TSL_CLI_PATH) + " cut " +
-                               q(media("main.mp4")) + " -o " + q(dir + "/out.mp4") + " -r 0-4500 >/dev/null; rc=$?; " +
-                               "ls -A " + q(dir) + "; exit $rc";
-    const std::string out = tsltest::run("unshare -rm sh -c " + q(script) + " 2>&1", &status);
+    tsltest::run("unshare -rm sh -c " + q("mount -t tmpfs -o size=64k none " + q(small)) + " 2>/dev/null", &status);
+    if (status != 0) GTEST_SKIP() << "no mount namespace here";
+    const std::string cut = q(TSL_CLI_PATH) + " cut " + q(media("main.mp4")) + " -r 0-4500 -o ";
+    std::string script = "mount -t tmpfs -o size=64k none " + q(small) + " && " + cut + q(small + "/out.mp4") +
+                         " >/dev/null; rc=$?; ls -A " + q(small) + "; exit $rc";
+    EXPECT_EQ(tsltest::run("unshare -rm sh -c " + q(script) + " 2>&1", &status),
+              "tessalo: could not write " + small + "/out.mp4: the disk is full\n");  // and nothing listed
     EXPECT_EQ(status, 1);
-    EXPECT_EQ(out, "tessalo: could not write " + dir + "/out.mp4: the disk is full\n");  // and nothing listed
+    script = "mount --bind " + q(readOnly) + " " + q(readOnly) + " && mount -o remount,bind,ro " + q(readOnly) +
+             " && ! touch " + q(readOnly + "/main.mp4") + " 2>/dev/null && " + q(TSL_CLI_PATH) + " cut " +
+             q(readOnly + "/main.mp4") + " -r 1000-2000 -o " + q(dir + "/out.mp4");
+    tsltest::run("unshare -rm sh -c " + q(script) + " 2>&1", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(tsltest::decodeErrors(dir + "/out.mp4"), "");
 }
 
 TEST(CliDemo, MakesAnH264AacClipThenThumbsASheetAndACut) {

@@ -2,6 +2,7 @@
 // Exit status: 0 done, 1 file refused or job failed, 2 usage error.
 #include <CLI/CLI.hpp>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -133,15 +134,18 @@ int main(int argc, char** argv) {
     // A file size limit makes a write past it fail, as a full disk does,
     // instead of ending the program.
     std::signal(SIGXFSZ, SIG_IGN);
-    // The library prints a few diagnostics of its own to standard output.
-    // They must not mix with what this program prints (JSON above all), so
-    // its output keeps a private copy of the descriptor and descriptor 1
-    // goes to standard error.
+    // The library prints a few diagnostics of its own to standard output
+    // (complaints about its writer's calling order). They must not mix with
+    // what this program prints (JSON above all), nor come before or after its
+    // one sentence about a failure: its output keeps a private copy of the
+    // descriptor, and descriptor 1 goes nowhere.
     const int outFd = ::dup(STDOUT_FILENO);
-    if (outFd < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (outFd < 0 || nowhere < 0 || ::dup2(nowhere, STDOUT_FILENO) < 0) {
         std::cerr << "tessalo: cannot set up standard output\n";
         return kExitFailure;
     }
+    ::close(nowhere);
     FdBuf outBuf(outFd);
     std::ostream out(&outBuf);
     settings.idle = std::chrono::milliseconds(static_cast<int64_t>(timeoutSeconds * 1000));
