@@ -21,16 +21,26 @@ struct Shown {
     std::vector<double> beeps;    // onsets, seconds
 };
 
+// ffprobe's comma-separated values as numbers; packet flags read 1 for a key packet ("K_"), else 0.
 std::vector<std::vector<double>> csv(const std::string& text) {
     std::vector<std::vector<double>> rows;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         std::vector<double> row;
         std::istringstream cells(line);
-        for (std::string cell; std::getline(cells, cell, ',');) row.push_back(cell.empty() ? 0 : std::stod(cell));
+        for (std::string cell; std::getline(cells, cell, ',');)
+            row.push_back(cell.empty() || cell[0] == '_' ? 0 : cell[0] == 'K' ? 1 : std::stod(cell));
         if (!row.empty()) rows.push_back(row);
     }
     return rows;
+}
+
+std::string probe(const std::string& path, const std::string& what) {
+    return tsltest::run("ffprobe -v error " + what + " -of csv=p=0 " + shellQuote(path));
+}
+
+double sampleRate(const std::string& path) {
+    return std::stod(probe(path, "-select_streams a:0 -show_entries stream=sample_rate"));
 }
 
 // Pictures whose mean brightness is that of the white flash, and the first loud millisecond of each beep
@@ -38,13 +48,11 @@ std::vector<std::vector<double>> csv(const std::string& text) {
 // the decoded file.
 Shown measure(const std::string& path) {
     Shown shown;
-    for (const auto& f : csv(tsltest::run("ffprobe -v error -f lavfi -i " + shellQuote("movie='" + path + "',signalstats") +
-                                          " -show_entries frame=pts_time:frame_tags=lavfi.signalstats.YAVG -of csv=p=0")))
+    const std::string brightness = "-show_entries frame=pts_time:frame_tags=lavfi.signalstats.YAVG -f lavfi";
+    for (const auto& f : csv(probe("movie='" + path + "',signalstats", brightness)))
         if (f.size() == 2 && f[1] > 128) shown.flashes.push_back(f[0]);
-    const double rate = std::stod(tsltest::run("ffprobe -v error -select_streams a:0 -show_entries stream=sample_rate -of csv=p=0 " +
-                                               shellQuote(path)));
-    const auto frames = csv(tsltest::run("ffprobe -v error -select_streams a:0 -show_entries frame=pts_time,nb_samples -of csv=p=0 " +
-                                         shellQuote(path)));
+    const double rate = sampleRate(path);
+    const auto frames = csv(probe(path, "-select_streams a:0 -show_entries frame=pts_time,nb_samples"));
     const std::string raw = tsltest::run("ffmpeg -v error -i " + shellQuote(path) + " -map 0:a:0 -ac 1 -f s16le -");
     const auto* samples = reinterpret_cast<const int16_t*>(raw.data());
     const size_t total = raw.size() / 2, window = size_t(rate) / 1000;
@@ -99,8 +107,7 @@ std::string joinFaults(const std::string& path, double videoFrame, double audioF
     std::string faults;
     std::vector<double> shownAt[2];
     double latest = -1e9;
-    for (const auto& p : csv(tsltest::run("ffprobe -v error -show_entries packet=stream_index,pts_time,flags -of csv=p=0 " +
-                                          shellQuote(path) + " | sed 's/,K_*$/,1/;s/,_*$/,0/'"))) {
+    for (const auto& p : csv(probe(path, "-show_entries packet=stream_index,pts_time,flags"))) {
         const int stream = int(p[0]);
         if (stream == 1 && p[2] == 1 && p[1] <= latest) faults += "key frame at " + std::to_string(p[1]) + " shown early; ";
         if (stream == 1) latest = std::max(latest, p[1]);
@@ -155,9 +162,7 @@ TEST_P(SyncCut, EveryBeepStaysWithItsFlashAcrossTenJoins) {
         outputs[kind] = judge(measure(out), heard);
         if (kind == 0) continue;
         EXPECT_EQ(tsltest::run("ffmpeg -nostdin -v warning -i " + shellQuote(out) + " -f null - 2>&1"), "");
-        const double rate = std::stod(tsltest::run("ffprobe -v error -select_streams a:0 -show_entries stream=sample_rate "
-                                                   "-of csv=p=0 " + shellQuote(src)));
-        EXPECT_EQ(joinFaults(out, 1.0 / fps, 1024 / rate), "");
+        EXPECT_EQ(joinFaults(out, 1.0 / fps, 1024 / sampleRate(src)), "");
     }
     EXPECT_TRUE(outputs[1].flashesAsPredicted);
     std::printf("%s: beep less flash, ms      kind 0   kind 1\n", name);

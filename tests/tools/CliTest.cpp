@@ -286,8 +286,9 @@ TEST(CliCut, AnUnwritableOutputIsExplainedAndRemoved) {
                                                   " -r 0-4500 2>&1 >/dev/null"), &status);
         EXPECT_EQ(status, 1) << output;
         const bool full = output.find("full.mp4") != std::string::npos;
-        EXPECT_EQ(err, "tessalo: could not write " + dir + (full ? "/full.mp4: writing to it failed\n"
-                                                                  : "/big.mp4: the file would pass the size limit of this process\n"));
+        const std::string cause = full ? "/full.mp4: writing to it failed\n"
+                                       : "/big.mp4: the file would pass the size limit of this process\n";
+        EXPECT_EQ(err, "tessalo: could not write " + dir + cause);
         EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(dir + (full ? "/full.mp4" : "/big.mp4"))));
     }
     EXPECT_TRUE(std::filesystem::exists("/dev/full"));
