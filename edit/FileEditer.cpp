@@ -216,19 +216,19 @@ bool FileEditer::failSetUp() {
     return false;
 }
 
-std::unique_ptr<CutTimeline> FileEditer::makeTimeline(const RangeSelection& selection) const {
-    if (jobKind == 1)
-        return std::make_unique<BlockTimeline>(SourceTimes::fromOrigins(indexOrigins), selection.audioFrameMs());
-    return std::make_unique<RunningTimeline>();
-}
-
 void FileEditer::runCut() {
     tCutThreadOf = this;
+    // The original cut reads the index's own values; the synced one moves
+    // both tracks onto one timeline first.
     const bool synced = jobKind == 1;
-    RangeSelection selection(synced ? SelectionRules::synced() : SelectionRules::original(),
-                             synced ? SourceTimes::fromOrigins(indexOrigins) : SourceTimes::asIndexed(), *keyGroups,
+    const SourceTimes times = synced ? SourceTimes::fromOrigins(indexOrigins) : SourceTimes::asIndexed();
+    RangeSelection selection(synced ? SelectionRules::synced() : SelectionRules::original(), times, *keyGroups,
                              *audioFrames);
-    const std::unique_ptr<CutTimeline> timeline = makeTimeline(selection);
+    std::unique_ptr<CutTimeline> timeline;
+    if (synced)
+        timeline = std::make_unique<BlockTimeline>(times, selection.audioFrameMs());
+    else
+        timeline = std::make_unique<RunningTimeline>();
     RangeCutter cutter({*keyGroups, *audioFrames, selection, *timeline, *muxer, sourceFile, readBuffer.get(),
                         sampleBuffer.get(), [this] { return isStopRequested(); }, videoDone, audioDone});
     // One byte per offset: set once a range has moved the entry. Without the

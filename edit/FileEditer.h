@@ -92,7 +92,6 @@ private:
     bool startJob(const char* dst, int32_t kind);
     bool failSetUp();
     void runCut();
-    std::unique_ptr<CutTimeline> makeTimeline(const RangeSelection& selection) const;
     void mapOffsets(const EditRange& range, const CutTimeline& timeline, uint8_t* mapped);
     // Stops the muxer and frees the job; true when the file could not be written.
     bool releaseJob();
