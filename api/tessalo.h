@@ -58,9 +58,13 @@ enum {
     kPicFormatBgr24 = 3
 };
 
-/* Cut kind for TSL_CutFile: 0 cuts into an MP4 (or MOV) file. */
+/* Cut kinds for TSL_CutFile, both into an MP4 (or MOV) file. 0 rebuilds the
+ * timeline from running sums, with fixed steps at each join. 1 moves each
+ * range as one block: audio and video keep the source's own offset, the
+ * ranges join without overlap, and a file without audio is cut too. */
 enum {
-    kCutKindMp4 = 0
+    kCutKindMp4 = 0,
+    kCutKindSynced = 1
 };
 
 /* The 48-byte record copied by TSL_GetMediaInfo. Height stands before width. */

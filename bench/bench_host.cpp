@@ -11,7 +11,7 @@
 //   bench_host index CLIP
 //   bench_host picture CLIP MS            the first picture at or after MS
 //   bench_host keys_bgr24 CLIP            every key picture as 24-bit BGR
-//   bench_host cut CLIP OUT A-B[,C-D...]  ranges in ms into OUT (kind 0)
+//   bench_host cut CLIP OUT A-B[,C-D...] [KIND]  ranges in ms into OUT (kind 0 unless given)
 //   bench_host read_frame CLIP            the reference: a plain av_read_frame loop
 // Each picture is copied out with TSL_GetPic inside kHostEventPicReady.
 #include <algorithm>
@@ -144,9 +144,10 @@ bool runRequest(Host& host, int argc, char** argv) {
     }
     if (job == "cut" && argc > 4) {
         const std::vector<EditRange> ranges = parseRanges(argv[4]);
+        const int32_t kind = argc > 5 ? std::atoi(argv[5]) : kCutKindMp4;
         const size_t from = host.count();
         if (ranges.empty() || !TSL_CutFile(host.handle, clip.c_str(), argv[3], ranges.data(),
-                                           static_cast<int32_t>(ranges.size()), nullptr, 0, kCutKindMp4))
+                                           static_cast<int32_t>(ranges.size()), nullptr, 0, kind))
             return false;
         const bool done = host.waitAny(from, {kHostEventCutDone, kHostEventCutFailed}) == kHostEventCutDone;
         TSL_CancelFile(host.handle);  // joins the cut thread that has ended

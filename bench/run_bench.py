@@ -22,6 +22,7 @@ host = os.path.join(build, "bench", "bench_host")
 scratch = tempfile.mkdtemp(prefix="tessalo_bench.")
 FFMPEG = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
 FIVE = [(20, 50), (110, 140), (230, 260), (350, 380), (480, 510)]
+FIVE_MS = ",".join(f"{a * 1000}-{b * 1000}" for a, b in FIVE)
 
 
 def out(name):
@@ -50,8 +51,13 @@ ROWS = [
                 "/dev/null"]], 0.4),
     ("one 300 s range cut", ["cut", clip, out("one.mp4"), "100000-400000"],
      [FFMPEG + ["-ss", "100", "-to", "400", "-i", clip, "-c", "copy", out("ref_one.mp4")]], 1.0),
-    ("five ranges", ["cut", clip, out("five.mp4"), ",".join(f"{a * 1000}-{b * 1000}" for a, b in FIVE)],
+    ("five ranges", ["cut", clip, out("five.mp4"), FIVE_MS],
      ffmpeg_concat(), 0.3),
+    # The synced cut against the original timeline: the same engine, so as fast.
+    ("one range, kind 1 vs 0", ["cut", clip, out("one1.mp4"), "100000-400000", "1"],
+     [[host, "cut", clip, out("one0.mp4"), "100000-400000", "0"]], 1.0),
+    ("five ranges, kind 1 vs 0", ["cut", clip, out("five1.mp4"), FIVE_MS, "1"],
+     [[host, "cut", clip, out("five0.mp4"), FIVE_MS, "0"]], 1.0),
 ]
 
 

@@ -70,6 +70,11 @@ int64_t toMilliseconds(int64_t value, int64_t base, double ticksPerSecond) {
     return static_cast<int64_t>(milliseconds);
 }
 
+// The same conversion without truncation, for the origins of the timelines.
+double exactMilliseconds(int64_t value, double ticksPerSecond) {
+    return ticksPerSecond == 0.0 ? 0.0 : static_cast<double>(value) * 1000.0 / ticksPerSecond;
+}
+
 // MPEG-4 sampling frequency index; 15 (explicit frequency) for a rate the
 // table does not know, which no accepted stream has.
 int rateIndex(int32_t rate) {
@@ -118,6 +123,7 @@ void AVStreamParse::resetFields() {
     annexBExtraData.reset();
     annexBExtraDataSize = 0;
     audioBitRate = audioRate = audioChannels = videoBitRate = 0;
+    videoPtsOrigin = videoDtsOrigin = audioPtsOrigin = 0;
 }
 
 int AVStreamParse::init(ParseNotify function, void* user) {
@@ -434,15 +440,17 @@ void AVStreamParse::readLoop() {
             }
             videoTimeBase = stream->time_base;
             videoCodecId = stream->codecpar->codec_id;
+            double ticks = videoTicksPerSecond(videoTimeBase);
             if (!videoPtsBaseSet) {
                 videoPtsBase = packet->pts;
                 videoPtsBaseSet = true;
+                videoPtsOrigin = exactMilliseconds(videoPtsBase, ticks);
             }
             if (!videoDtsBaseSet) {
                 videoDtsBase = packet->dts;
                 videoDtsBaseSet = true;
+                videoDtsOrigin = exactMilliseconds(videoDtsBase, ticks);
             }
-            double ticks = videoTicksPerSecond(videoTimeBase);
             parsed.data = packet->data;
             parsed.size = packet->size;
             parsed.pts = toMilliseconds(packet->pts, videoPtsBase, ticks);
@@ -462,6 +470,7 @@ void AVStreamParse::readLoop() {
             if (!audioPtsBaseSet) {
                 audioPtsBase = packet->pts;
                 audioPtsBaseSet = true;
+                audioPtsOrigin = exactMilliseconds(audioPtsBase, audioTicksPerSecond(audioTimeBase));
             }
             int64_t pts = toMilliseconds(packet->pts, audioPtsBase, audioTicksPerSecond(audioTimeBase));
             int32_t size = packet->size;

@@ -128,6 +128,12 @@ public:
     int32_t audioRate = 0;  // time base denominator of the last accepted audio stream
     int32_t audioChannels = 0;
     int32_t videoBitRate = 0;
+    // The timestamps, in ms of each stream's own time, that the read loop
+    // counts from: the first video packet's pts and dts, the first audio
+    // packet's pts. Written by the reader thread; read after it has ended.
+    double videoPtsOrigin = 0;
+    double videoDtsOrigin = 0;
+    double audioPtsOrigin = 0;
 
     // FFmpeg 5.1 streams carry no codec context of their own: the contexts
     // that openDecoder opens live here, one slot per stream index.

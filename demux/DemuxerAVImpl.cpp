@@ -6,6 +6,7 @@
 #include <new>
 
 #include "demux/AVStreamParse.h"
+#include "instance/FrameRecord.h"
 
 namespace Morvel_Tessalo {
 
@@ -131,6 +132,11 @@ void DemuxerAVImpl::getProperty(int id, void* storage) {
     case kDemuxerPropAudioBitRate:
         putInt(p.audioBitRate);
         break;
+    case kDemuxerPropIndexOrigins: {
+        const IndexOrigins origins{p.videoPtsOrigin, p.videoDtsOrigin, p.audioPtsOrigin};
+        std::memcpy(storage, &origins, sizeof origins);
+        break;
+    }
     default:
         break;
     }

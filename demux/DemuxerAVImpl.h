@@ -27,7 +27,7 @@ public:
     void resume(int ignored) override;
     // Only kDemuxerPropPath: keeps a copy of the path.
     void setProperty(int id, const char* value) override;
-    // Ids 0 to 15; the storage must be as wide as the id says.
+    // Ids 0 to 16; the storage must be as wide as the id says.
     void getProperty(int id, void* storage) override;
 
     // The parser's ParseNotify function; `user` is the demuxer.

@@ -59,6 +59,9 @@ constexpr int kDemuxerPropAnnexBExtraDataSize = 12;   // int32
 constexpr int kDemuxerPropChannels = 13;              // 16 bits only
 constexpr int kDemuxerPropSampleRate = 14;            // int32
 constexpr int kDemuxerPropAudioBitRate = 15;          // int32
+// After the walk: the origins of the index's timelines (IndexOrigins of
+// instance/FrameRecord.h). Written by the reader; read once it has ended.
+constexpr int kDemuxerPropIndexOrigins = 16;          // IndexOrigins
 
 // The only id of setProperty.
 constexpr int kDemuxerPropPath = 0;

@@ -3,18 +3,34 @@
 // decoding. Everything it knows about the source comes from the instance's
 // frame index; sample bytes are read straight from the file at the recorded
 // positions and handed to a FileMuxer with a rebuilt timeline.
+//
+// Two kinds of cut: kind 0 keeps the original running timeline, kind 1 moves
+// each range as one block and so keeps the source's own audio-video offset
+// (see RunningTimeline and BlockTimeline; RangeSelection says which samples
+// each keeps). A job whose file can't be written fails and its output goes.
+//
+// Threads: the host's thread runs cut, stopCut, releaseCut and
+// getEditOffsetPts; the cut thread runs runCut and sends the failure
+// notification; the muxer thread runs onMuxComplete and sends the done
+// notification. Called from inside either notification, cut refuses and
+// stopCut and releaseCut only ask the job to stop: they never wait for the
+// thread they run on.
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "api/tessalo.h"
 #include "edit/FileOperator.h"
+#include "edit/RangeCutter.h"
 #include "instance/FrameRecord.h"
 #include "mux/FileMuxer.h"
 #include "mux/FileMuxerNotify.h"
 #include "mux/TrackInfo.h"
+
+class CutTimeline;
 
 namespace Morvel_Tessalo {
 
@@ -22,7 +38,7 @@ using EditerNotifyCallback = void (*)(void* context, int32_t code);
 
 // Codes of the engine's notification to the instance.
 constexpr int32_t kNotifyDone = 0;    // output file complete (muxer thread)
-constexpr int32_t kNotifyFailed = 1;  // a range failed (cut thread)
+constexpr int32_t kNotifyFailed = 1;  // a range failed or the file could not be written (cut thread)
 
 // Final: the destructor is not virtual, and nothing derives from the engine.
 class FileEditer final : public FileMuxerNotify {
@@ -37,6 +53,8 @@ public:
     // copy of extra data could not be allocated.
     bool setFrameIndex(std::vector<FrameGroup*>* keyGroups, std::vector<FrameRecord*>* audioFrames,
                        const VideoTrackInfo* videoTrackInfo, const AudioTrackInfo* audioTrackInfo);
+    // Where the index's timelines start on the file's own (for kind 1).
+    void setIndexOrigins(const IndexOrigins& origins) { indexOrigins = origins; }
     void clearFrameIndex();
 
     // Starts a cut job; true means the job runs, not that it has succeeded.
@@ -52,32 +70,38 @@ public:
     // From the muxer thread, after the trailer is written and the file closed.
     void onMuxComplete() override;
 
-    // The group that opens a range starting at `pts`. A pts equal to a key
-    // frame's selects the group before it (except for the first group).
+    // The group that opens a range of the original cut starting at `pts` (see
+    // RangeSelection::groupBefore).
     static bool findKeyGroup(const std::vector<FrameGroup*>& groups, int64_t pts, int32_t* index);
-    // 4-byte length prefixes to 3-byte start codes, into `out` of `capacity`
-    // bytes. False (and 0 out) when the sample is malformed or does not fit.
+    // 4-byte length prefixes to 3-byte start codes (see RangeCutter::toAnnexB).
     static bool toAnnexB(const uint8_t* sample, int32_t size, uint8_t* out, int32_t capacity,
                          int32_t* outLength);
 
-    static constexpr int32_t kReadBufferSize = 0x1400000;   // 20 MiB of source at a time
-    static constexpr int32_t kSampleBufferSize = 0x100000;  // one converted video sample
+    static constexpr int32_t kReadBufferSize = RangeCutter::kReadBufferSize;
+    static constexpr int32_t kSampleBufferSize = RangeCutter::kSampleBufferSize;
 
 private:
     friend struct FileEditerTestAccess;
 
-    using RangeCutter = bool (FileEditer::*)(const EditRange* range, int64_t& audioTs, int64_t& videoPts,
-                                             int64_t& videoDts, int64_t& rangeKeyPts);
     using MuxerFactory = FileMuxer* (*)();
 
     bool cutMp4(const char* dst);
+    bool cutSynced(const char* dst);
     bool cutReserved(const char* dst);
+    // The set-up shared by the kinds: muxer, tracks, buffers, thread.
+    bool startJob(const char* dst, int32_t kind);
+    bool failSetUp();
     void runCut();
-    bool cutRange(const EditRange* range, int64_t& audioTs, int64_t& videoPts, int64_t& videoDts,
-                  int64_t& rangeKeyPts);
-    void mapOffsets(const EditRange& range, int64_t base, int64_t rangeKeyPts, uint8_t* mapped);
+    void mapOffsets(const EditRange& range, const CutTimeline& timeline, uint8_t* mapped);
+    // Stops the muxer and frees the job; true when the file could not be written.
+    bool releaseJob();
+    // releaseJob, then closes the source and removes an output that could not
+    // be written; true when that happened.
+    bool finishJob(bool writeFailed);
     void setStop(bool value);
     bool isStopRequested();
+    // On the thread that runs this engine's cut, or inside its done notification.
+    bool onJobThread() const;
 
     std::vector<FrameGroup*>* keyGroups = nullptr;
     std::vector<FrameRecord*>* audioFrames = nullptr;
@@ -96,7 +120,6 @@ private:
     bool audioDone = false;
     std::unique_ptr<uint8_t[]> readBuffer;
     std::unique_ptr<uint8_t[]> sampleBuffer;
-    RangeCutter rangeCutter = nullptr;
     std::unique_ptr<std::thread> cutThread;
     std::mutex stopMutex;
     FileOperator sourceFile;
@@ -106,6 +129,11 @@ private:
     // Owners of the extra-data copies that videoInfo and audioInfo point at.
     std::unique_ptr<uint8_t[]> videoExtraData;
     std::unique_ptr<uint8_t[]> audioExtraData;
+    IndexOrigins indexOrigins;
+    // The running job's kind and output path (kept to remove an output that
+    // could not be written).
+    int32_t jobKind = 0;
+    std::string outputPath;
     // Makes the job's muxer: an MPEG4FileMuxer. Tests put a recorder here.
     MuxerFactory makeMuxer;
 };

@@ -10,7 +10,7 @@ FileOperator::~FileOperator() { close(); }
 bool FileOperator::open(const char* path) {
     const std::wstring wide = utf8ToWide(path);
     if (wide.empty()) return false;
-    file = openFileReadWrite(wide);
+    file = openFileRead(wide);
     return file.isOpen();
 }
 

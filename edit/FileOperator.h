@@ -13,9 +13,9 @@ public:
     FileOperator(const FileOperator&) = delete;
     FileOperator& operator=(const FileOperator&) = delete;
 
-    // Opens `path` (UTF-8) for reading and writing, creating a missing file.
-    // The engine never writes through it. An earlier handle is not closed:
-    // the caller closes first.
+    // Opens `path` (UTF-8) for reading only: the engine never writes to its
+    // source, so a read-only source is cut and a missing one is not created.
+    // An earlier handle is not closed: the caller closes first.
     bool open(const char* path);
     // Absolute seek. The platform moves by signed 32-bit distances, so a far
     // position is reached in steps. Positions at or below 0 make no move.

@@ -12,6 +12,18 @@ struct FrameRecord {
     int64_t position = 0;
 };
 
+// Where the zero of each timeline of the index lies on the file's own
+// presentation timeline, in milliseconds. Video pts count from the first
+// video packet's pts, video dts from its dts and audio from the first audio
+// packet's pts, so the lists alone lose the offset between the tracks (AAC
+// priming, edit lists, B-frame decoding lead): a record's time on the file's
+// timeline is its value plus its list's origin.
+struct IndexOrigins {
+    double videoPts = 0;
+    double videoDts = 0;
+    double audioPts = 0;
+};
+
 // One key sample and every sample after it up to the next key sample. The
 // vector owns its records: whoever empties it deletes them.
 using FrameGroup = std::vector<FrameRecord*>;

@@ -66,6 +66,11 @@ void TessaloImpl::notifyHost(int32_t event) {
 
 bool TessaloImpl::startPic(const char* newPath) {
     stopWorker();
+    // A running cut reads the index that is about to go.
+    if (editor) {
+        editor->stopCut();
+        editor->releaseCut();
+    }
     clearIndex();
     path.reset();
     if (!newPath) return false;
@@ -146,8 +151,10 @@ void TessaloImpl::workerMain() {
         fetched = fetchPictures();
         setState(kStateStopped);
     }
+    IndexOrigins origins;
     if (demuxer) {
         demuxer->stop();
+        demuxer->getProperty(kDemuxerPropIndexOrigins, &origins);  // the reader has ended
         delete demuxer;
     }
     if (decoder) {
@@ -165,7 +172,10 @@ void TessaloImpl::workerMain() {
         return;
     }
     if (keyGroups.empty()) return;
-    if (editor) editor->setFrameIndex(&keyGroups, &audioFrames, &videoTrackInfo, &audioTrackInfo);
+    if (editor) {
+        editor->setFrameIndex(&keyGroups, &audioFrames, &videoTrackInfo, &audioTrackInfo);
+        editor->setIndexOrigins(origins);
+    }
     videoTrackInfo = VideoTrackInfo{};
     audioTrackInfo = AudioTrackInfo{};
     notifyHost(kHostEventIndexReady);

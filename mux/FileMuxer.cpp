@@ -46,3 +46,5 @@ int32_t FileMuxer::stop() {
 }
 
 void FileMuxer::setNotify(FileMuxerNotify*) {}
+
+bool FileMuxer::writeFailed() const { return false; }

@@ -22,4 +22,13 @@ public:
                                     int64_t dts, uint32_t flags);
     virtual int32_t stop();
     virtual void setNotify(FileMuxerNotify* notify);
+    // True once the file could not be written (a full disk, an I/O error):
+    // what it holds is unusable. Any thread; final for the muxer's life.
+    virtual bool writeFailed() const;
+
+    // Set before start. True (the default): the writer moves the whole file so
+    // that the lowest first dts of the tracks is 0. False: samples keep the
+    // times they are given, so a first picture shown at 0 may be decoded
+    // earlier, at a negative dts, which MP4 expresses with an edit list.
+    bool shiftToZero = true;
 };

@@ -67,6 +67,8 @@ MPEG4FileMuxer::~MPEG4FileMuxer() {
 
 void MPEG4FileMuxer::setNotify(FileMuxerNotify* n) { notify = n; }
 
+bool MPEG4FileMuxer::writeFailed() const { return fileFailed.load(); }
+
 int32_t MPEG4FileMuxer::setOutputFile(const char* path) {
     // Only before start, and only once: a second context would orphan the
     // streams of the first, and during a run the thread is using it.
@@ -272,15 +274,18 @@ int32_t MPEG4FileMuxer::WriteSampleData(const uint8_t* data, int32_t size, int32
     pthread_cond_t* room = audio ? &audioRoom : &videoRoom;
     BaseBufferQueue& queue = audio ? audioQueue : videoQueue;
     pthread_mutex_lock(mutex);
-    while (queue.count == queue.capacity) pthread_cond_wait(room, mutex);
+    // A writer that has failed drains nothing more into the file: waiting for
+    // room would hold the caller until stop, so it is told at once.
+    while (queue.count == queue.capacity && !fileFailed.load()) pthread_cond_wait(room, mutex);
     // push's refusal (oversize or null bytes) is passed on: it names the reason.
-    const int32_t result = queue.push(&buffer);
+    const int32_t result = fileFailed.load() ? kErrFileIo : queue.push(&buffer);
     pthread_mutex_unlock(mutex);
     return result;
 }
 
 int32_t MPEG4FileMuxer::stop() {
     if (FileMuxer::stop() != kOk) return kErrInvalidState;
+    const bool started = muxerThread != nullptr;
     if (muxerThread) {
         muxerThread->stopAndJoin();
         delete muxerThread;
@@ -300,5 +305,5 @@ int32_t MPEG4FileMuxer::stop() {
     state = 1;
     videoQueue.writeIndex = videoQueue.readIndex = videoQueue.count = 0;
     audioQueue.writeIndex = audioQueue.readIndex = audioQueue.count = 0;
-    return kOk;
+    return started && fileFailed.load() ? kErrFileIo : kOk;
 }

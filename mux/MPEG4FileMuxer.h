@@ -1,6 +1,7 @@
 #pragma once
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -16,6 +17,11 @@ class MPEG4MuxerThread;
 // libavformat; the container follows from the file name. The caller's thread
 // only copies each sample into a ring; MPEG4MuxerThread drains the rings into
 // the file in decoding-time order.
+//
+// Every result of writing is looked at: once a write, the trailer or the
+// closing of the file fails, the file is unusable, writeFailed() says so,
+// WriteSampleData refuses further samples with kErrFileIo instead of waiting
+// for room, and stop() returns kErrFileIo.
 //
 // The fields are public because MPEG4MuxerThread works on them directly; the
 // rings and their mutex/condition pairs are the only state the two threads share.
@@ -40,6 +46,7 @@ public:
                             int64_t dts, uint32_t flags) override;
     int32_t stop() override;
     void setNotify(FileMuxerNotify* notify) override;
+    bool writeFailed() const override;
 
     FileMuxerNotify* notify = nullptr;
     OutputFormatHolder formatContext;
@@ -66,4 +73,8 @@ public:
     bool hasVideo = false;
     ThreadMutex threadMutex;
     MPEG4MuxerThread* muxerThread = nullptr;
+    // Set by the writing thread when the file could not be written, under the
+    // ring mutexes it holds; from then on samples are refused with kErrFileIo
+    // and a caller waiting for room is woken.
+    std::atomic<bool> fileFailed{false};
 };

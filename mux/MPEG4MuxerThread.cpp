@@ -42,7 +42,8 @@ void MPEG4MuxerThread::run() {
     filtered.reset(av_packet_alloc());
     audioScratch = BaseBuffer(audioBlock.get(), 0, 0, 0, 0);
     videoScratch = BaseBuffer(videoBlock.get(), 0, 0, 0, 0);
-    baseTime = kTimestampUnset;
+    // A muxer told to keep its times anchors at 0 from the start.
+    baseTime = owner->shiftToZero ? kTimestampUnset : 0;
     writeCounter = 0;
 
     for (;;) {
@@ -65,10 +66,42 @@ void MPEG4MuxerThread::run() {
     filtered.reset();
     packet.reset();
 
-    AVFormatContext* context = owner->formatContext.get();
-    av_write_trailer(context);
-    if (!(context->oformat->flags & AVFMT_NOFILE)) avio_closep(&context->pb);
+    finishFile();
     if (owner->notify) owner->notify->onMuxComplete();
+}
+
+void MPEG4MuxerThread::finishFile() {
+    AVFormatContext* context = owner->formatContext.get();
+    // A file whose samples could not all be written gets no trailer: it is
+    // unusable whatever follows, and writing on only fills the disk further.
+    bool good = !owner->fileFailed.load() && av_write_trailer(context) >= 0;
+    if (!(context->oformat->flags & AVFMT_NOFILE) && context->pb) {
+        // Closing flushes without reporting it: the flush is made and its
+        // error read here, so that no byte is lost unnoticed.
+        avio_flush(context->pb);
+        good = good && context->pb->error >= 0;
+        good = avio_closep(&context->pb) >= 0 && good;
+    }
+    if (!good) owner->fileFailed.store(true);
+}
+
+bool MPEG4MuxerThread::failsTheFile(int result) const {
+    if (result >= 0) return false;
+    const AVFormatContext* context = owner->formatContext.get();
+    // libavformat refuses a single packet whose times it cannot take
+    // (EINVAL) and goes on with the next; the file stays whole. An error of
+    // the output itself, or any other failure, leaves it unusable.
+    if (result == AVERROR(EINVAL) && !(context->pb && context->pb->error < 0)) {
+        Log("MPEG4MuxerThread", "a packet was refused: %d", result);
+        return false;
+    }
+    return true;
+}
+
+void MPEG4MuxerThread::fail() {
+    owner->fileFailed.store(true);
+    pthread_cond_broadcast(&owner->audioRoom);
+    pthread_cond_broadcast(&owner->videoRoom);
 }
 
 bool MPEG4MuxerThread::turnBothTracks(bool* wrote) {
@@ -126,24 +159,25 @@ void MPEG4MuxerThread::writeHead(int32_t track) {
     // Anchored once, on the first head written. (Anchoring again while the
     // base is negative would put two samples of a negative timeline at 0.)
     if (baseTime == kTimestampUnset) baseTime = queue.entries[queue.readIndex].dts;
-    if (scratch.data) {
-        if (queue.pop(&scratch) == 0)
-            writeSample(scratch.data, scratch.size, track, scratch.pts - baseTime,
-                        scratch.dts - baseTime, scratch.flags);
+    if (scratch.data && !owner->fileFailed.load()) {
+        if (queue.pop(&scratch) == 0 &&
+            failsTheFile(writeSample(scratch.data, scratch.size, track, scratch.pts - baseTime,
+                                     scratch.dts - baseTime, scratch.flags)))
+            fail();
     } else {
-        // No scratch block could be had: drop the head so that a caller
-        // waiting for room is never stuck.
+        // No scratch block could be had, or the file has failed: drop the
+        // head so that a caller waiting for room is never stuck.
         if (++queue.readIndex == queue.capacity) queue.readIndex = 0;
         --queue.count;
     }
     pthread_cond_broadcast(isAudio ? &owner->audioRoom : &owner->videoRoom);
 }
 
-void MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts,
-                                   int64_t dts, uint32_t flags) {
+int MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts,
+                                  int64_t dts, uint32_t flags) {
     AVFormatContext* context = owner->formatContext.get();
     AVStream* stream = track == kTrackVideo ? owner->videoStream : owner->audioStream;
-    if (!packet || !stream) return;
+    if (!packet || !stream) return 0;
     AVPacket* out = packet.get();
     av_packet_unref(out);
 
@@ -188,10 +222,12 @@ void MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, i
     }
 
     observe(out);
-    av_interleaved_write_frame(context, out);
+    int result = av_interleaved_write_frame(context, out);
     if (++writeCounter == kFlushInterval) {
         observe(nullptr);
-        av_interleaved_write_frame(context, nullptr);
+        const int flushed = av_interleaved_write_frame(context, nullptr);
+        if (result >= 0) result = flushed;
         writeCounter = 0;
     }
+    return result;
 }

@@ -14,7 +14,9 @@ class MPEG4FileMuxer;
 // head of a ring that is full (or of any ring once stopping). Timestamps are
 // shifted so that the file starts at 0 and rescaled to each stream's time base.
 // On stop it drains both rings, writes the trailer, closes the file and tells
-// the owner's notify, once.
+// the owner's notify, once. A failed write, trailer or close marks the file
+// failed (MPEG4FileMuxer::writeFailed): the samples still queued are dropped
+// and no trailer is written.
 class MPEG4MuxerThread : public BaseThread {
 public:
     explicit MPEG4MuxerThread(MPEG4FileMuxer* owner);
@@ -33,8 +35,16 @@ private:
     // Pops the head of `track`'s ring and writes it; the caller holds the
     // ring's mutex (both, in a two-track turn).
     void writeHead(int32_t track);
-    void writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts, int64_t dts,
-                     uint32_t flags);
+    // The AVERROR of the write (and of the flush it triggers), or 0.
+    int writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts, int64_t dts,
+                    uint32_t flags);
+    // Whether a write's result leaves the file unusable.
+    bool failsTheFile(int result) const;
+    // Marks the file failed and wakes callers waiting for room; the caller
+    // holds the ring mutexes of the turn.
+    void fail();
+    // Trailer and close, each result looked at.
+    void finishFile();
 
     // State of one run, touched by this thread only.
     BaseBuffer audioScratch;

@@ -11,13 +11,15 @@
 
 namespace {
 std::atomic<FileMoveHook> gMoveHook{nullptr};
+std::atomic<FileOpenHook> gOpenHook{nullptr};
 
 PlatformFile openWith(const std::wstring& path, int flags) {
     PlatformFile file;
     if (path.empty()) return file;
     const std::string bytes = wideToUtf8(path);
     if (bytes.empty()) return file;
-    file.fd = ::open(bytes.c_str(), flags | O_CLOEXEC, 0644);
+    file.fd = ::open(bytes.c_str(), flags | O_CLOEXEC);
+    if (FileOpenHook hook = gOpenHook.load()) hook(bytes, flags | O_CLOEXEC);
     return file;
 }
 
@@ -45,10 +47,6 @@ bool readAll(PlatformFile file, void* buffer, uint32_t length, uint32_t* got, in
 }  // namespace
 
 PlatformFile openFileRead(const std::wstring& path) { return openWith(path, O_RDONLY); }
-
-PlatformFile openFileReadWrite(const std::wstring& path) {
-    return openWith(path, O_RDWR | O_CREAT);
-}
 
 bool moveFilePointer(PlatformFile file, int32_t distance, MoveFrom from) {
     if (FileMoveHook hook = gMoveHook.load()) hook(distance, from);
@@ -80,4 +78,15 @@ void closeFile(PlatformFile& file) {
     file.fd = -1;
 }
 
+bool removeFile(const char* path) { return path && *path && ::unlink(path) == 0; }
+
+bool sameFile(const char* a, const char* b) {
+    struct stat first {};
+    struct stat second {};
+    if (!a || !b || ::stat(a, &first) != 0 || ::stat(b, &second) != 0) return false;
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 void setFileMoveHook(FileMoveHook hook) { gMoveHook.store(hook); }
+
+void setFileOpenHook(FileOpenHook hook) { gOpenHook.store(hook); }

@@ -12,11 +12,11 @@ struct PlatformFile {
 
 enum class MoveFrom { Begin, Current };
 
-// Opens an existing file for reading; closed handle when it is missing.
+// Opens an existing file for reading; closed handle when it is missing. Both
+// the picture and the cut paths read their source through it: a source on
+// read-only media, or one the user may read but not write, is usable, and a
+// missing one is never created.
 PlatformFile openFileRead(const std::wstring& path);
-// Opens for reading and writing, creating the file when it is missing.
-// Callers that only read through it must never write.
-PlatformFile openFileReadWrite(const std::wstring& path);
 // Moves the file position by a signed 32-bit distance. False on failure.
 bool moveFilePointer(PlatformFile file, int32_t distance, MoveFrom from);
 // Reads up to `length` bytes; `got` receives the count, 0 at the end of the file.
@@ -29,7 +29,16 @@ bool regularFileSize(PlatformFile file, int64_t* size);
 // Closes and marks the handle closed; a closed handle is left alone.
 void closeFile(PlatformFile& file);
 
+// Removes the file (or link) at a UTF-8 path; false when nothing was removed.
+bool removeFile(const char* path);
+// Whether two UTF-8 paths name one existing file (the same device and inode).
+bool sameFile(const char* a, const char* b);
+
 // Tests observe every move through this hook (null: nobody listens). It is
 // called before the move, on the caller's thread.
 using FileMoveHook = void (*)(int32_t distance, MoveFrom from);
 void setFileMoveHook(FileMoveHook hook);
+// Tests observe every open: the UTF-8 path and the flags given to open(2),
+// after the call, on the caller's thread.
+using FileOpenHook = void (*)(const std::string& path, int flags);
+void setFileOpenHook(FileOpenHook hook);

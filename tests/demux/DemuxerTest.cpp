@@ -12,6 +12,7 @@
 
 #include "demux/AVStreamParse.h"
 #include "demux/DemuxerAVImpl.h"
+#include "instance/FrameRecord.h"
 #include "support/FfprobeJson.h"
 #include "support/ProbeIndex.h"
 
@@ -65,7 +66,8 @@ struct Recorder {
     static void onEvent(int kind, int detail, void*, void* user) {
         auto* self = static_cast<Recorder*>(user);
         if (kind == kDemuxerEventReady) {
-            for (int id = 0; id <= 16; ++id) self->demuxer->getProperty(id, &self->property[id]);
+            for (int id = 0; id <= 15; ++id) self->demuxer->getProperty(id, &self->property[id]);
+            self->demuxer->getProperty(17, &self->property[16]);
             const auto block = [&](int pointer, int size) {
                 const auto* bytes = reinterpret_cast<const char*>(self->property[pointer]);
                 return bytes ? std::string(bytes, static_cast<int32_t>(self->property[size])) : std::string();
@@ -106,11 +108,12 @@ void expectWalkMatchesFfprobe(const std::string& file) {
     std::map<int64_t, nlohmann::json> atPos;
     for (const auto& p : doc["packets"]) atPos[number(p, "pos")] = p;
     // The extra data is the last video stream's; the ADTS fields are the last audio stream's.
-    int64_t lastVideo = 0, adtsRate = 0, adtsChannels = 0;
+    int64_t lastVideo = 0, adtsRate = 0, adtsChannels = 0, firstAudio = -1;
     std::string extraDataMd5;
     for (const auto& s : doc["streams"]) {
         if (s.value("codec_type", "") == "video")
             lastVideo = number(s, "index"), extraDataMd5 = s.value("extradata_hash", "MD5:").substr(4);
+        if (s.value("codec_type", "") == "audio" && firstAudio < 0) firstAudio = number(s, "index");
         if (s.value("codec_type", "") == "audio")
             adtsRate = tsltest::fraction(s, "time_base").second, adtsChannels = number(s, "channels");
     }
@@ -139,7 +142,7 @@ void expectWalkMatchesFfprobe(const std::string& file) {
             break;
         }
     }
-    // Each id writes its own width and no more (16 is no id).
+    // Each id writes its own width and no more (17, in the last slot, is no id).
     const int width[17] = {8, 4, 4, 4, 4, 1, 4, 1, 4, 8, 4, 8, 4, 2, 4, 4, 0};
     for (int id = 0; id <= 16; ++id) {
         const uint64_t above = width[id] == 8 ? 0 : ~0ull << 8 * width[id];
@@ -151,6 +154,22 @@ void expectWalkMatchesFfprobe(const std::string& file) {
                                                   std::to_string(lastVideo) +
                                                   " -c copy -bsf:v h264_mp4toannexb -frames:v 1 -f h264 -");
     EXPECT_TRUE(r.annexBExtraData.size() > 8 && firstPicture.find(r.annexBExtraData) != std::string::npos);
+    // After the walk: where the index's timelines start, the first video packet's pts and dts and the
+    // first audio packet's pts (of the first audio stream), in ms.
+    IndexOrigins origins;
+    r.demuxer->getProperty(kDemuxerPropIndexOrigins, &origins);
+    IndexOrigins truth;
+    bool video = false, audio = false;
+    for (const auto& p : doc["packets"]) {
+        const auto ms = [&](const char* key) { return std::stod(p.value(key, std::string("0"))) * 1000; };
+        if (!video && p.value("codec_type", "") == "video" && p.value("flags", "").substr(0, 1) == "K")
+            video = true, truth.videoPts = ms("pts_time"), truth.videoDts = ms("dts_time");
+        if (!audio && p.value("codec_type", "") == "audio" && number(p, "stream_index") == firstAudio)
+            audio = true, truth.audioPts = ms("pts_time");
+    }
+    EXPECT_NEAR(origins.videoPts, truth.videoPts, 0.01);
+    EXPECT_NEAR(origins.videoDts, truth.videoDts, 0.01);
+    EXPECT_NEAR(origins.audioPts, truth.audioPts, 0.01);
     r.demuxer.reset();
     EXPECT_EQ(r.events.size(), 3u) << "nothing may follow the end";
 }

@@ -176,15 +176,16 @@ struct Host {
             self->report.assign(got.begin(), got.begin() + n);
         self->events.record(code);  // after the report: who sees the event sees the report
     }
-    bool index(Source& s) {
+    bool index(Source& s, const IndexOrigins& origins = {}) {
         const VideoTrackInfo video = {320, 240, 25, 1, nullptr, 0};
         const AudioTrackInfo audio = {44100, 2, 16, 1, nullptr, 0};
+        editer.setIndexOrigins(origins);
         return editer.setFrameIndex(&s.groups, &s.frames, &video, &audio);
     }
     bool cut(const std::string& src, const Ranges& ranges, const Offsets& offsets = {}) {
         asked = offsets.size();
         return editer.cut(src.c_str(), out.c_str(), ranges.data(), int32_t(ranges.size()), offsets.data(),
-                          int32_t(offsets.size()), 0);
+                          int32_t(offsets.size()), kind);
     }
     // Runs one job to its outcome: true when it is done, false when it failed.
     bool cutAndWait(const std::string& src, const Ranges& ranges, const Offsets& offsets = {}) {
@@ -195,6 +196,7 @@ struct Host {
     }
 
     const std::string dir = tsltest::scratchDir(), out = dir + "/out.mp4";
+    int32_t kind = 0;
     size_t asked = 0;
     Offsets report;
     tsltest::EventRecorder events;
@@ -284,6 +286,62 @@ TEST(CutOrder, AFallingPositionFailsTheCutInsteadOfReadingOutsideTheBuffer) {
     EXPECT_FALSE(h.cutAndWait(s.path, {{0, 1000}}));
     EXPECT_EQ(h.events.events(), std::vector<int32_t>{kNotifyFailed});
     EXPECT_EQ(recorder.snapshot().at(0).order, "VVVA");  // the second audio frame is never reached
+}
+
+// Groups of pictures every 40 ms with B-frames, decoded in the order given; the group at 480 opens with a
+// leading picture (440) that needs the group before. The index counts dts from the first one, which the
+// file decodes 80 ms before it shows it; its audio, every 23 ms, starts 23 ms early (encoder priming).
+struct Reordered : Source {
+    explicit Reordered(const std::string& dir, bool withAudio = true) : Source(dir + "/reordered.bin") {
+        const int shown[] = {0, 3, 1, 2, 5, 4, 6, 10, 7, 8, 9, 12, 11, 15, 13, 14, 16, 19, 17, 18};
+        for (int v = 0, a = 0; v < 20; ++v) {
+            for (; withAudio && 23 * a <= 40 * v + 80; ++a) audio(23 * a, 90);
+            video(40 * shown[v], 40 * v, shown[v] % 6 == 0 && shown[v] != 18, 120);
+        }
+        finish();
+    }
+    static constexpr IndexOrigins kOrigins{0, -80, -23};
+};
+
+TEST(CutSynced, EachRangeMovesAsOneBlock_JoinsFollowOnAndLeadingPicturesStayOut) {
+    Host h;
+    h.kind = kCutKindSynced;
+    Reordered s(h.dir);
+    ASSERT_TRUE(h.index(s, Reordered::kOrigins));
+    ASSERT_TRUE(h.cutAndWait(s.path, {{60, 200}, {500, 620}}, {{100, 150}, {500, 600}, {150, 500}}));
+    const Log log = recorder.snapshot().at(0);
+    const auto& sent = s.sent[kTrackVideo];
+    // Range 1 opens on the key at 0, shown at 0 and decoded 80 ms before; it keeps pictures up to 200 and
+    // shows them until 240. Range 2 opens on the key at 480, decoded 120 ms before (its leading picture,
+    // decoded in between, stays out): its dts must pass 120, so it starts at 241, not at 240.
+    EXPECT_EQ(log.tracks[kTrackVideo],
+              (std::vector<Write>{{0, -80, kSampleFlagVideoKey, sent[0]}, {120, -40, 0, sent[1]}, {40, 0, 0, sent[2]},
+                                  {80, 40, 0, sent[3]}, {200, 80, 0, sent[4]}, {160, 120, 0, sent[5]},
+                                  {241, 121, kSampleFlagVideoKey, sent[11]}, {361, 201, 0, sent[13]},
+                                  {281, 241, 0, sent[14]}, {321, 281, 0, sent[15]}}));
+    // Audio keeps its true distance to the pictures: from the first frame at the key (source 0) while the
+    // pictures show; range 2 from the first frame at or after where range 1's audio ends (253).
+    std::vector<int64_t> audio;
+    for (const Write& w : log.tracks[kTrackAudio]) audio.push_back(w.pts == w.dts ? w.pts : -1);
+    std::vector<int64_t> expected;
+    for (int64_t t = 0; t < 240; t += 23) expected.push_back(t);
+    for (int64_t t = 506; t < 640; t += 23) expected.push_back(t - 480 + 241);
+    EXPECT_EQ(audio, expected);
+    EXPECT_EQ(log.tracks[kTrackAudio].front().bytes, s.sent[kTrackAudio][1]);  // the primed frame is not taken
+    EXPECT_EQ(h.report, (Offsets{{100, 150}, {500 - 480 + 241, 600 - 480 + 241}, {150, 500}}));
+}
+
+TEST(CutSynced, AStartOnAKeyOpensThatKey_AFileWithoutAudioIsCut_AStartAfterThePicturesFails) {
+    Host h;
+    h.kind = kCutKindSynced;
+    Reordered s(h.dir, false);
+    ASSERT_TRUE(h.index(s, Reordered::kOrigins));
+    ASSERT_TRUE(h.cutAndWait(s.path, {{240, 400}}));
+    const Log log = recorder.snapshot().at(0);
+    EXPECT_EQ(log.order, "VVVVV");  // the group at 240, video alone
+    EXPECT_EQ(log.tracks[kTrackVideo].front(), (Write{0, -80, kSampleFlagVideoKey, s.sent[kTrackVideo][6]}));
+    EXPECT_FALSE(h.cutAndWait(s.path, {{0, 100}, {761, 900}}));
+    EXPECT_EQ(h.events.events(), std::vector<int32_t>{kNotifyFailed});
 }
 
 bool waitStopRequested(Morvel_Tessalo::FileEditer& editer) {

@@ -100,4 +100,16 @@ make tables_ts.ts ff -i noaudio.mp4 -c copy
 # turns the stored 64x48 picture 90 degrees clockwise for display.
 make rotated90.mp4 ff -i tiny.mp4 -c copy -metadata:s:v:0 rotate=-90
 
+# A/V sync: the picture flashes white and the audio starts a 1 kHz beep at every whole second, so a cut's
+# sync can be measured on what a player shows. Groups of 37 pictures keep the key frames off the whole
+# seconds; B-frames throughout.
+sync_source() {  # FPS RATE
+  echo "-f lavfi -i color=c=black:size=160x90:rate=$1:duration=12,geq=lum=if(eq(mod(N\,$1)\,0)\,235\,16):cb=128:cr=128"
+  echo "-f lavfi -i aevalsrc=if(lt(mod(t\,1)\,0.1)\,0.5*sin(2*PI*1000*t)\,0):s=$2:d=12"
+}
+sync264="-c:v libx264 -preset veryfast -g 37 -keyint_min 37 -sc_threshold 0 -pix_fmt yuv420p"
+make sync24.mp4 ff $(sync_source 24 44100) $sync264 -bf 2 -c:a aac -ac 1 -b:a 64k -shortest
+make sync25.mp4 ff $(sync_source 25 48000) $sync264 -bf 3 -c:a aac -ac 2 -b:a 64k -shortest
+make sync30.mp4 ff $(sync_source 30 44100) $sync264 -bf 2 -c:a aac -ac 2 -b:a 64k -shortest
+
 touch .complete

@@ -207,6 +207,53 @@ TEST(Mux, DtsMustNotGoBack) {
     EXPECT_EQ(2, std::count_if(log.begin(), log.end(), [](const Written& w) { return w.first == kTrackVideo; }));
 }
 
+// Told to keep its times, the writer moves nothing: the first picture shows at its own pts (0), decoded at a
+// negative dts, and each track starts where it was sent (the clip's audio at -23 ms).
+TEST(Mux, KeptTimesAreTheFilesOwn) {
+    Session r(tsltest::scratchDir() + "/out.mp4");
+    r.muxer.shiftToZero = false;
+    r.start();
+    int64_t first[2] = {kTimestampUnset, kTimestampUnset}, videoDts = kTimestampUnset;
+    for (const muxfixture::Sample& s : r.clip.samples) {
+        ASSERT_EQ(kOk, r.muxer.WriteSampleData(s.bytes.data(), int32_t(s.bytes.size()), s.track, s.pts, s.dts, s.flags));
+        if (first[s.track] == kTimestampUnset) first[s.track] = s.pts, videoDts = s.track ? s.dts : videoDts;
+    }
+    r.stop();
+    ASSERT_EQ(first[kTrackVideo], 0);
+    ASSERT_LT(videoDts, 0);  // B-frames
+    const auto at = [&](const char* stream, const char* entry) {
+        return std::llround(std::stod(probe(r.path, std::string("-select_streams ") + stream +
+                                                        " -read_intervals %+#1 -show_entries packet=" + entry)) * 1000);
+    };
+    EXPECT_EQ(at("v", "pts_time"), 0);
+    EXPECT_EQ(at("v", "dts_time"), videoDts);
+    EXPECT_EQ(at("a", "pts_time"), first[kTrackAudio]);
+    EXPECT_EQ(tsltest::decodeErrors(r.path), "");
+}
+
+// A file that cannot be written fails as a whole: samples are refused at once instead of waiting for room,
+// stop says so, and the owner is still told once that the thread has ended. One that cannot even take its
+// header (/dev/full) fails the start.
+TEST(Mux, AFailedWriteFailsTheFileAndRefusesFurtherSamplesAtOnce) {
+    const std::string dir = tsltest::scratchDir();
+    std::filesystem::create_symlink("/dev/full", dir + "/full.mp4");
+    MPEG4FileMuxer full;
+    AudioTrackInfo audio = mainClip().audioInfo();
+    ASSERT_EQ(kOk, full.setOutputFile((dir + "/full.mp4").c_str()) | full.addAudioTrack(&audio));
+    EXPECT_EQ(kErrFileIo, full.start());
+
+    Session r(dir + "/out.mp4");
+    r.start();
+    tsltest::FileSizeLimit limit(200000);
+    int32_t result = kOk;
+    for (size_t n = 0; n < 100000 && result == kOk; ++n) result = r.send(kTrackVideo, int64_t(n) * 40, n);
+    EXPECT_EQ(kErrFileIo, result);
+    EXPECT_TRUE(r.muxer.writeFailed());
+    EXPECT_EQ(kErrFileIo, r.send(kTrackAudio, 0));
+    EXPECT_EQ(kErrFileIo, r.muxer.stop());
+    EXPECT_EQ(1, r.calls.load());
+}
+
 // 524288 bytes is the largest video sample that fits a ring element.
 TEST(Mux, OversizeVideoSampleNeverReachesTheFile) {
     Session r(tsltest::scratchDir() + "/out.mp4");

@@ -2,6 +2,8 @@
 // and picture paths); here the calls themselves and the wide paths.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <fstream>
 
 #include "platform/PlatformFile.h"
@@ -31,18 +33,25 @@ TEST(PlatformFile, ReadsReportCountsAndZeroAtTheEnd) {
     EXPECT_FALSE(readFile(file, buffer, 1, &got));
 }
 
-TEST(PlatformFile, NonAsciiPathsOpenInBothModes) {
+std::vector<std::pair<std::string, int>> gOpens;  // the hook runs on the opening thread
+
+TEST(PlatformFile, NonAsciiPathsOpenReadOnly_AMissingFileIsNotCreated) {
     const std::string name = tsltest::scratchDir() + "/vid\xC3\xA9o \xE6\x97\xA5\xE6\x9C\xAC\xF0\x9F\x8E\xAC.mp4";
     const std::wstring wide = utf8ToWide(name.c_str());
     ASSERT_FALSE(wide.empty());
-    EXPECT_FALSE(openFileRead(wide).isOpen());  // read-only never creates
-    PlatformFile created = openFileReadWrite(wide);
-    ASSERT_TRUE(created.isOpen());
-    closeFile(created);
-    EXPECT_TRUE(std::ifstream(name).good()) << "the name on disk is the UTF-8 one";
-    PlatformFile again = openFileRead(wide);
-    EXPECT_TRUE(again.isOpen());
-    closeFile(again);
+    setFileOpenHook([](const std::string& path, int flags) { gOpens.emplace_back(path, flags); });
+    EXPECT_FALSE(openFileRead(wide).isOpen());
+    EXPECT_FALSE(std::ifstream(name).good()) << "a missing file was created";
+    std::ofstream(name) << "x";
+    PlatformFile file = openFileRead(wide);
+    setFileOpenHook(nullptr);
+    EXPECT_TRUE(file.isOpen());
+    closeFile(file);
+    ASSERT_EQ(gOpens.size(), 2u);
+    for (const auto& [path, flags] : gOpens) {
+        EXPECT_EQ(path, name) << "the name given to open(2) is the UTF-8 one";
+        EXPECT_EQ(flags & (O_ACCMODE | O_CREAT | O_TRUNC), O_RDONLY);
+    }
     EXPECT_FALSE(openFileRead(std::wstring()).isOpen());
 }
 

@@ -117,7 +117,8 @@ void drive(const std::string& media, unsigned seed, std::atomic<int>& runsLeft) 
             } else if (action == 3 && indexed) {
                 const EditRange ranges[2] = {{0, 900}, {1800, 2600}};
                 log->add(kMarkCutStarted);
-                TSL_CutFile(handle, files[0].c_str(), out.c_str(), ranges, 1 + int32_t(pick(2)), nullptr, 0, kCutKindMp4);
+                TSL_CutFile(handle, files[0].c_str(), out.c_str(), ranges, 1 + int32_t(pick(2)), nullptr, 0,
+                            pick(2) ? kCutKindSynced : kCutKindMp4);
             } else if (action == 4) {
                 TSL_CancelFile(handle);
                 log->add(kMarkCancelReturned);

@@ -1,6 +1,9 @@
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
 
 #include <algorithm>
 #include <array>
@@ -96,6 +99,21 @@ size_t threadCount() {
     static std::once_flag warm;  // TSan starts a helper thread along with the first thread
     std::call_once(warm, [] { std::thread([] {}).join(); });
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+
+FileSizeLimit::FileSizeLimit(uint64_t bytes) {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    saved[0] = limit.rlim_cur, saved[1] = limit.rlim_max;
+    savedHandler = signal(SIGXFSZ, SIG_IGN);
+    limit.rlim_cur = bytes;
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+}
+
+FileSizeLimit::~FileSizeLimit() {
+    const rlimit limit{saved[0], saved[1]};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    signal(SIGXFSZ, savedHandler);
 }
 
 int32_t EventRecorder::callback(void* user, int32_t event) {

@@ -30,6 +30,21 @@ std::string decodeErrors(const std::string& path);
 // Threads of this process now.
 size_t threadCount();
 
+// While it lives, files of this process (and of the processes it starts) cannot
+// grow past `bytes`: a write beyond fails with EFBIG instead of raising SIGXFSZ,
+// as on a disk that fills. Tests run one per process under ctest.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(uint64_t bytes);
+    ~FileSizeLimit();
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    uint64_t saved[2];
+    void (*savedHandler)(int);
+};
+
 // Collects host events in arrival order; safe from any thread.
 class EventRecorder {
 public:

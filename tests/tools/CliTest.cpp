@@ -254,17 +254,68 @@ TEST(CliCut, TwoRangesDecodeOffsetsMoveToTheOutputAndFailedJobsNameTheirCause) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {q(file) + " -o " + q(dir + "/a.mp4") + " -r 0-1000 -r 60000-61000",
          "range 2 (60000-61000 ms) starts after the last picture"},
-        {q(media("noaudio.mp4")) + " -o " + q(dir + "/b.mp4") + " -r 0-1000", "no audio track"},
+        {q(media("noaudio.mp4")) + " -o " + q(dir + "/b.mp4") + " -r 0-1000 --kind 0", "no audio track"},
         {q(file) + " -o " + q(dir + "/none/c.mp4") + " -r 0-1000", "no folder"},
     };
     for (const auto& [args, says] : cases) {
         const auto failed = tessalo("cut " + args + " --json");
         EXPECT_EQ(failed.status, 1) << args;
         EXPECT_TRUE(failed.out.empty()) << failed.out;  // whatever the library prints stays off stdout
+        EXPECT_EQ(failed.err.rfind("tessalo: ", 0), 0u) << failed.err;  // and off the message
+        EXPECT_EQ(std::count(failed.err.begin(), failed.err.end(), '\n'), 1) << failed.err;
         EXPECT_NE(failed.err.find(says), std::string::npos) << failed.err;
     }
     // What was written before the range failed is no cut of the ranges asked for.
     EXPECT_FALSE(std::filesystem::exists(dir + "/a.mp4"));
+}
+
+// A cut whose output can't be written names the cause in one sentence, leaves no output and exits 1: a
+// file size limit that the output passes mid-way (the program ignores SIGXFSZ itself), in both kinds, and
+// an output that can't even take its header.
+TEST(CliCut, AnUnwritableOutputIsExplainedAndRemoved) {
+    const std::string file = media("main.mp4"), dir = tsltest::scratchDir();
+    std::filesystem::create_symlink("/dev/full", dir + "/full.mp4");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"ulimit -f 200; exec ", " -o " + q(dir + "/big.mp4") + " --kind 0"},
+        {"ulimit -f 200; exec ", " -o " + q(dir + "/big.mp4")},
+        {"exec ", " -o " + q(dir + "/full.mp4")},
+    };
+    for (const auto& [limit, output] : cases) {
+        int status = -1;
+        const std::string err = tsltest::run("sh -c " + q(limit + q(TSL_CLI_PATH) + " cut " + q(file) + output +
+                                                  " -r 0-4500 2>&1 >/dev/null"), &status);
+        EXPECT_EQ(status, 1) << output;
+        const bool full = output.find("full.mp4") != std::string::npos;
+        const std::string cause = full ? "/full.mp4: writing to it failed\n"
+                                       : "/big.mp4: the file would pass the size limit of this process\n";
+        EXPECT_EQ(err, "tessalo: could not write " + dir + cause);
+        EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(dir + (full ? "/full.mp4" : "/big.mp4"))));
+    }
+    EXPECT_TRUE(std::filesystem::exists("/dev/full"));
+}
+
+// Where the system lets a test make mounts of its own (a mount namespace): a disk that fills (a small
+// tmpfs) is named as such, and a source on a read-only mount is cut.
+TEST(CliCut, AFullDiskIsNamed_AReadOnlySourceIsCut) {
+    const std::string dir = tsltest::scratchDir(), small = dir + "/small", readOnly = dir + "/ro";
+    std::filesystem::create_directories(small);
+    std::filesystem::create_directories(readOnly);
+    std::filesystem::copy_file(media("main.mp4"), readOnly + "/main.mp4");
+    int status = -1;
+    tsltest::run("unshare -rm sh -c " + q("mount -t tmpfs -o size=64k none " + q(small)) + " 2>/dev/null", &status);
+    if (status != 0) GTEST_SKIP() << "no mount namespace here";
+    const std::string cut = q(TSL_CLI_PATH) + " cut " + q(media("main.mp4")) + " -r 0-4500 -o ";
+    std::string script = "mount -t tmpfs -o size=64k none " + q(small) + " && " + cut + q(small + "/out.mp4") +
+                         " >/dev/null; rc=$?; ls -A " + q(small) + "; exit $rc";
+    EXPECT_EQ(tsltest::run("unshare -rm sh -c " + q(script) + " 2>&1", &status),
+              "tessalo: could not write " + small + "/out.mp4: the disk is full\n");  // and nothing listed
+    EXPECT_EQ(status, 1);
+    script = "mount --bind " + q(readOnly) + " " + q(readOnly) + " && mount -o remount,bind,ro " + q(readOnly) +
+             " && ! touch " + q(readOnly + "/main.mp4") + " 2>/dev/null && " + q(TSL_CLI_PATH) + " cut " +
+             q(readOnly + "/main.mp4") + " -r 1000-2000 -o " + q(dir + "/out.mp4");
+    tsltest::run("unshare -rm sh -c " + q(script) + " 2>&1", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(tsltest::decodeErrors(dir + "/out.mp4"), "");
 }
 
 TEST(CliDemo, MakesAnH264AacClipThenThumbsASheetAndACut) {

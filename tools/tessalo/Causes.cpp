@@ -1,6 +1,11 @@
 #include "Causes.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -79,6 +84,27 @@ std::string badVideo(const Facts& f) {
 }
 
 }  // namespace
+
+std::string writeFailure(const std::string& output, uint64_t needed) {
+    // The library says only that the file could not be written. Asking the
+    // file system for a file as large as the cut in the same folder, without
+    // writing it, tells a full disk and a file size limit from other faults.
+    std::filesystem::path folder = std::filesystem::path(output).parent_path();
+    if (folder.empty()) folder = ".";
+    const std::string probe = (folder / (".tessalo-space-" + std::to_string(::getpid()))).string();
+    int reason = 0;
+    const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        reason = errno;
+    } else {
+        reason = ::posix_fallocate(fd, 0, static_cast<off_t>(std::max<uint64_t>(needed, 1)));
+        ::close(fd);
+        ::unlink(probe.c_str());
+    }
+    if (reason == ENOSPC || reason == EDQUOT) return "could not write " + output + ": the disk is full";
+    if (reason == EFBIG) return "could not write " + output + ": the file would pass the size limit of this process";
+    return "could not write " + output + ": writing to it failed";
+}
 
 void quietFfmpeg() {
     av_log_set_level(AV_LOG_QUIET);

@@ -11,6 +11,10 @@ namespace tslcli {
 // kSilent (the walk ended without any event) included.
 std::string refusalCause(int32_t event, const std::string& path);
 
+// A sentence for a cut whose output `output` could not be written (the library
+// removed it). `needed`: about the bytes the cut writes.
+std::string writeFailure(const std::string& output, uint64_t needed);
+
 // Quiets FFmpeg's own log for the program's direct uses of it.
 void quietFfmpeg();
 

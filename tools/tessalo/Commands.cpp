@@ -291,23 +291,44 @@ namespace {
 
 std::string spanText(int64_t a, int64_t b) { return std::to_string(a) + "-" + std::to_string(b) + " ms"; }
 
-// The key frame a range's output opens on. The cut takes the group before the
-// first key at or after the start (the first group when that is the first
-// key), so a start right on a key timestamp still opens one group earlier.
-int64_t openingKey(const std::vector<int64_t>& keys, int64_t start) {
+// The key frame a range's output opens on. The synced cut takes the last key
+// at or before the start (the first key when there is none). The original
+// one takes the group before the first key at or after the start (the first
+// group when that is the first key), so a start right on a key timestamp
+// still opens one group earlier.
+int64_t openingKey(const std::vector<int64_t>& keys, int64_t start, int32_t kind) {
+    if (kind == kCutKindSynced) {
+        const auto after = std::upper_bound(keys.begin(), keys.end(), start);
+        return after == keys.begin() ? keys.front() : *(after - 1);
+    }
     const auto at = std::lower_bound(keys.begin(), keys.end(), start);
     if (at == keys.end()) return keys.back();
     return at == keys.begin() ? *at : *(at - 1);
 }
 
 // Why the library would not take the job at all.
-std::string refusedCut(const Indexed& ix, const std::string& file, const std::string& output) {
-    if (ix.info.sampleRate <= 0)
-        return "cannot cut " + file + ": it has no audio track, and the library cuts only files with video and audio";
+std::string refusedCut(const Indexed& ix, const std::string& file, const std::string& output, int32_t kind,
+                       uint64_t needed) {
+    if (ix.info.sampleRate <= 0 && kind == kCutKindMp4)
+        return "cannot cut " + file + ": it has no audio track, and cut kind 0 cuts only files with video and audio";
     const fs::path parent = fs::path(output).parent_path();
     if (!parent.empty() && !fs::is_directory(parent)) return "cannot write " + output + ": no folder " + parent.string();
     if (access(parent.empty() ? "." : parent.c_str(), W_OK) != 0) return "cannot write " + output + ": folder not writable";
+    // A name the library knows, in a folder that takes files: the output
+    // could not even take its header.
+    const std::string extension = fs::path(output).extension().string();
+    if (extension == ".mp4" || extension == ".mov") return writeFailure(output, needed);
     return "the library refused to cut " + file + " into " + output + " (check that the output name ends in .mp4 or .mov)";
+}
+
+// About the bytes the cut of `ranges` writes: the source's share of their length.
+uint64_t neededBytes(const Indexed& ix, const std::string& file, const std::vector<TimeSpan>& ranges) {
+    std::error_code ec;
+    const double size = double(fs::file_size(file, ec));
+    if (ec || ix.info.durationMs <= 0) return 0;
+    double kept = 0;
+    for (const TimeSpan& r : ranges) kept += double(std::max<int64_t>(0, r.end - r.start));
+    return uint64_t(size * std::min(1.0, kept / ix.info.durationMs));
 }
 
 // The first range that the cut cannot open: one that starts after the last picture.
@@ -333,8 +354,13 @@ int runCut(const Settings& s, const std::string& file, const std::string& output
     std::vector<EditOffset> editOffsets;
     for (const TimeSpan& o : offsets) editOffsets.push_back({o.start, o.end});
 
-    const CutRun run = ix.session.cut(file, output, editRanges, editOffsets);
-    if (!run.accepted) throw JobFailure(refusedCut(ix, file, output));
+    const CutRun run = ix.session.cut(file, output, editRanges, editOffsets, s.cutKind);
+    const uint64_t needed = neededBytes(ix, file, ranges);
+    if (!run.accepted) throw JobFailure(refusedCut(ix, file, output, s.cutKind, needed));
+    // The library removes an output that it could not write, and leaves one
+    // whose ranges could not all be cut.
+    if (run.end == kHostEventCutFailed && !fs::exists(fs::symlink_status(output)))
+        throw JobFailure(writeFailure(output, needed));
     if (run.end != kHostEventCutDone) {
         // The library leaves what it wrote before the failure; it is no cut of
         // the ranges asked for, so it goes.
@@ -359,7 +385,7 @@ int runCut(const Settings& s, const std::string& file, const std::string& output
     if (s.json) {
         json jr = json::array();
         for (const TimeSpan& r : ranges)
-            jr.push_back({{"start", r.start}, {"end", r.end}, {"opensAtKey", openingKey(ix.keys, r.start)}});
+            jr.push_back({{"start", r.start}, {"end", r.end}, {"opensAtKey", openingKey(ix.keys, r.start, s.cutKind)}});
         out << json{{"source", file}, {"output", output}, {"ranges", jr}, {"offsets", report}}.dump(2) << "\n";
         return 0;
     }
@@ -368,7 +394,7 @@ int runCut(const Settings& s, const std::string& file, const std::string& output
     for (size_t i = 0; i < ranges.size(); ++i)
         out << "  range " << i + 1 << "  " << spanText(ranges[i].start, ranges[i].end) << "  ("
             << clockText(ranges[i].start) << " - " << clockText(ranges[i].end) << "), opens on the key frame at "
-            << openingKey(ix.keys, ranges[i].start) << " ms\n";
+            << openingKey(ix.keys, ranges[i].start, s.cutKind) << " ms\n";
     if (!report.empty()) out << "offsets on the output's timeline:\n";
     for (const json& e : report) {
         out << "  " << spanText(e["source"]["first"], e["source"]["second"]) << " -> ";

@@ -19,6 +19,7 @@ struct JobFailure : std::runtime_error {
 struct Settings {
     std::chrono::milliseconds idle{std::chrono::seconds(20)};  // silence that counts as a hang
     bool json = false;
+    int32_t cutKind = 1;  // the synced cut; 0 keeps the original timeline
 };
 
 int runInfo(const Settings& s, const std::string& file, std::ostream& out);

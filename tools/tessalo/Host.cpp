@@ -234,7 +234,7 @@ PictureRun Session::pictures(const std::vector<int64_t>& pts, int32_t format,
 }
 
 CutRun Session::cut(const std::string& src, const std::string& dst, const std::vector<EditRange>& ranges,
-                    const std::vector<EditOffset>& offsets) {
+                    const std::vector<EditOffset>& offsets, int32_t kind) {
     CutRun run;
     std::unique_lock<std::mutex> lock(mutex);
     const size_t from = events.size();
@@ -244,7 +244,7 @@ CutRun Session::cut(const std::string& src, const std::string& dst, const std::v
     lock.unlock();
     run.accepted = TSL_CutFile(handle, src.c_str(), dst.c_str(), ranges.data(), static_cast<int32_t>(ranges.size()),
                                offsets.empty() ? nullptr : offsets.data(), static_cast<int32_t>(offsets.size()),
-                               kCutKindMp4);
+                               kind);
     if (run.accepted) {
         lock.lock();
         waitUntil(lock, [&] { return firstOf(from, {kHostEventCutDone, kHostEventCutFailed}) != kSilent; });

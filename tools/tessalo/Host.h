@@ -64,9 +64,9 @@ public:
     PictureRun pictures(const std::vector<int64_t>& pts, int32_t format,
                         const std::function<void(const Picture&)>& onPicture);
 
-    // One cut job of kind 0 with all ranges; the job is released before return.
+    // One cut job of `kind` with all ranges; the job is released before return.
     CutRun cut(const std::string& src, const std::string& dst, const std::vector<EditRange>& ranges,
-               const std::vector<EditOffset>& offsets);
+               const std::vector<EditOffset>& offsets, int32_t kind);
 
 private:
     static int32_t onEvent(void* user, int32_t event);

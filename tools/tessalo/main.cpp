@@ -2,9 +2,11 @@
 // Exit status: 0 done, 1 file refused or job failed, 2 usage error.
 #include <CLI/CLI.hpp>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <iostream>
 #include <streambuf>
 
@@ -112,6 +114,11 @@ int main(int argc, char** argv) {
         ->take_all();
     cut->add_option("--offset", offsetTexts, "Pair of source times A-B to translate to the output's timeline");
     cut->add_flag("--json", settings.json, "Print JSON");
+    cut->add_option("--kind", settings.cutKind,
+                    "1: audio and video keep the source's own offset, ranges join without overlap (default); "
+                    "0: the original timeline, with fixed steps at each join")
+        ->check(CLI::Range(0, 1))
+        ->capture_default_str();
 
     auto* demo = app.add_subcommand("demo", "Make a sample clip, then run info, thumbs and a cut on it");
     demo->add_option("-o,--output", demoDir, "Folder for what the demo makes")->capture_default_str();
@@ -124,15 +131,21 @@ int main(int argc, char** argv) {
     }
 
     quietFfmpeg();
-    // The library prints a few diagnostics of its own to standard output.
-    // They must not mix with what this program prints (JSON above all), so
-    // its output keeps a private copy of the descriptor and descriptor 1
-    // goes to standard error.
+    // A file size limit makes a write past it fail, as a full disk does,
+    // instead of ending the program.
+    std::signal(SIGXFSZ, SIG_IGN);
+    // The library prints a few diagnostics of its own to standard output
+    // (complaints about its writer's calling order). They must not mix with
+    // what this program prints (JSON above all), nor come before or after its
+    // one sentence about a failure: its output keeps a private copy of the
+    // descriptor, and descriptor 1 goes nowhere.
     const int outFd = ::dup(STDOUT_FILENO);
-    if (outFd < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (outFd < 0 || nowhere < 0 || ::dup2(nowhere, STDOUT_FILENO) < 0) {
         std::cerr << "tessalo: cannot set up standard output\n";
         return kExitFailure;
     }
+    ::close(nowhere);
     FdBuf outBuf(outFd);
     std::ostream out(&outBuf);
     settings.idle = std::chrono::milliseconds(static_cast<int64_t>(timeoutSeconds * 1000));

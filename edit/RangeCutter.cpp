@@ -1,0 +1,206 @@
+#include "edit/RangeCutter.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/Results.h"
+#include "mux/TrackInfo.h"
+
+using Take = RangeSelection::Take;
+
+bool RangeCutter::toAnnexB(const uint8_t* sample, int32_t size, uint8_t* out, int32_t capacity,
+                           int32_t* outLength) {
+    if (outLength) *outLength = 0;
+    if (size == 0) return true;
+    if (size < 0 || !sample || !out || !outLength) return false;
+    // A unit is checked against what is left of the sample, not the whole
+    // sample, and a trailing stub too short for a length prefix fails the
+    // sample: reading on would leave the sample. Output that would pass
+    // `capacity` fails it as well, so a sample over 1 MiB is converted only
+    // when its converted form still fits.
+    int64_t src = 0;
+    int64_t dst = 0;
+    while (src < size) {
+        if (size - src < 4) return false;
+        const uint32_t length = (uint32_t(sample[src]) << 24) | (uint32_t(sample[src + 1]) << 16) |
+                                (uint32_t(sample[src + 2]) << 8) | uint32_t(sample[src + 3]);
+        src += 4;
+        if (int64_t(length) > size - src) return false;
+        if (dst + 3 + int64_t(length) > capacity) return false;
+        out[dst] = 0;
+        out[dst + 1] = 0;
+        out[dst + 2] = 1;
+        std::memcpy(out + dst + 3, sample + src, length);
+        dst += 3 + int64_t(length);
+        src += length;
+    }
+    *outLength = static_cast<int32_t>(dst);
+    return true;
+}
+
+RangeCutter::Result RangeCutter::cut(const EditRange& range) {
+    if (!open(range)) return Result::Failed;
+    for (;;) {
+        if (job.stopRequested()) break;
+        // A side that ran out of the old buffer gets another go.
+        videoMore = !job.videoDone && !videoFinished;
+        audioMore = !job.audioDone && !audioFinished;
+        const bool passed = samplePass();
+        if (writeFailed) return Result::WriteFailed;
+        // A stop inside the pass closes the range like one seen before it:
+        // the cut thread ends at once and a cancel raises no failure.
+        if (!passed || (videoFinished && audioFinished)) break;
+        if (!refill()) return Result::Failed;
+    }
+    job.timeline.closeRange();
+    return Result::Finished;
+}
+
+// The opening key frame and the first audio record, one read from the lower
+// of their positions, and the timeline's opening.
+bool RangeCutter::open(const EditRange& range) {
+    // A list that an earlier range walked to its end stays exhausted for the
+    // job in the original cut: that side starts finished and the range goes
+    // on with the other one.
+    if (!job.selection.rules().listEndsForTheJob) job.videoDone = job.audioDone = false;
+    RangeSpan span;
+    if (!job.selection.open(range, &groupIndex, &span)) return false;
+    frameIndex = 0;
+    audioIndex = job.selection.firstAudio(job.timeline.audioFrom(span));
+    const bool hasAudio = audioIndex < job.audio.size();
+    if (!hasAudio && job.selection.rules().needsAudio) return false;
+    const FrameRecord* firstAudio = hasAudio ? job.audio[audioIndex] : nullptr;
+    if (!readFrom(firstAudio ? std::min(span.key->position, firstAudio->position) : span.key->position))
+        return false;
+    videoFinished = job.videoDone;
+    audioFinished = job.audioDone || !hasAudio;
+    writeFailed = false;
+    job.timeline.openRange(span, firstAudio);
+    return true;
+}
+
+bool RangeCutter::readFrom(int64_t position) {
+    // An unknown position (-1 from the demuxer) can't be read from.
+    if (position < 0 || !job.source.seek(position)) return false;
+    uint32_t got = 0;
+    if (!job.source.read(job.readBuffer, kReadBufferSize, &got) || got == 0) return false;
+    bufferPos = position;
+    bufferEnd = position + got;
+    return true;
+}
+
+// Keeps what the buffer holds from the next sample needed on, and reads on
+// behind it: the file is read strictly forward.
+bool RangeCutter::refill() {
+    int64_t nextPos;
+    if (videoFinished) {
+        nextPos = job.audio[audioIndex]->position;
+    } else if (audioFinished) {
+        nextPos = videoRecord().position;
+    } else {
+        nextPos = std::min(job.audio[audioIndex]->position, videoRecord().position);
+    }
+    const int64_t keep = bufferEnd - nextPos;
+    // The next sample lies beyond the buffer: the tracks are stored too far
+    // apart for it.
+    if (keep < 0) return false;
+    // A position below the buffer's start (a track whose positions fall)
+    // would make `keep` cover bytes the buffer never held: such a file fails
+    // the cut here, as a file with tracks too far apart does.
+    if (nextPos < bufferPos) return false;
+    std::memmove(job.readBuffer, job.readBuffer + (nextPos - bufferPos), static_cast<size_t>(keep));
+    uint32_t got = 0;
+    if (!job.source.read(job.readBuffer + keep, static_cast<uint32_t>(kReadBufferSize - keep), &got) || got == 0)
+        return false;
+    bufferPos = nextPos;
+    bufferEnd = nextPos + keep + got;
+    return true;
+}
+
+// The side that is behind on its clock goes first; with the clocks equal,
+// video goes first and audio right after it. Once a side has stopped for this
+// buffer, the other goes on without regard to the clocks.
+bool RangeCutter::samplePass() {
+    const CutTimeline& clocks = job.timeline;
+    for (;;) {
+        if (job.stopRequested()) return false;
+        if (!(clocks.audioClock() < clocks.videoClock() && audioMore) && videoMore) videoStep();
+        if (writeFailed) return false;
+        if (clocks.audioClock() > clocks.videoClock() && videoMore) continue;
+        if (audioMore) audioStep();
+        if (writeFailed) return false;
+        if (!videoMore && !audioMore) return true;
+    }
+}
+
+void RangeCutter::videoStep() {
+    const FrameRecord& record = videoRecord();
+    const Take take = job.selection.video(record);
+    if (take == Take::End) {
+        // In decoding order this ends the range's video: a later picture
+        // shown within the range is not looked for.
+        videoMore = false;
+        videoFinished = true;
+        return;
+    }
+    if (take == Take::Keep) {
+        const int64_t length = record.size;
+        if (!inside(record.position, length)) {
+            videoMore = false;
+            return;
+        }
+        int32_t converted = 0;
+        // Written or dropped, the sample is done: a sample too short or
+        // malformed to convert is left out, and its time with it.
+        if (length >= 4 && toAnnexB(job.readBuffer + (record.position - bufferPos), static_cast<int32_t>(length),
+                                    job.sampleBuffer, kSampleBufferSize, &converted))
+            write(job.sampleBuffer, converted, kTrackVideo, job.timeline.video(record),
+                  record.isKey ? kSampleFlagVideoKey : 0u);
+    }
+    nextVideo();
+}
+
+void RangeCutter::nextVideo() {
+    ++frameIndex;
+    while (groupIndex < job.groups.size() && frameIndex >= job.groups[groupIndex]->size()) {
+        ++groupIndex;
+        frameIndex = 0;
+    }
+    if (groupIndex >= job.groups.size()) {
+        job.videoDone = true;
+        videoFinished = true;
+        videoMore = false;
+    }
+}
+
+void RangeCutter::audioStep() {
+    const FrameRecord& record = *job.audio[audioIndex];
+    if (job.selection.audio(record) == Take::End) {
+        audioMore = false;
+        audioFinished = true;
+        return;
+    }
+    // The record counts the ADTS header the reader put in front; the file
+    // holds the raw frame only.
+    const int64_t length = int64_t(record.size) - kAdtsHeader;
+    if (!inside(record.position, std::max<int64_t>(length, 0))) {
+        audioMore = false;
+        return;
+    }
+    // A record too small to hold even its header has no bytes to copy; it is
+    // dropped like a short video sample.
+    if (length > 0)
+        write(job.readBuffer + (record.position - bufferPos), static_cast<int32_t>(length), kTrackAudio,
+              job.timeline.audio(record), kSampleFlagAudio);
+    if (++audioIndex >= job.audio.size()) {
+        job.audioDone = true;
+        audioFinished = true;
+        audioMore = false;
+    }
+}
+
+// A sample the muxer refuses is lost without effect on the cut, unless the
+// muxer can no longer write the file at all.
+void RangeCutter::write(const uint8_t* data, int32_t size, int32_t track, SampleTimes times, uint32_t flags) {
+    if (job.muxer.WriteSampleData(data, size, track, times.pts, times.dts, flags) == kErrFileIo) writeFailed = true;
+}
