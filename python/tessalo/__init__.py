@@ -33,8 +33,9 @@ def open(path: Union[str, "os.PathLike[str]"], *, timeout: float = DEFAULT_TIMEO
 
     Raises :class:`Refused` with the cause for a file that the library will
     not take (unreadable, no H.264 video, audio other than AAC at 44100 or
-    48000 Hz with 1 to 3 channels), :class:`Timeout` when the library shows
-    no sign of work for ``timeout`` seconds, and :class:`LibraryNotFound`
+    48000 Hz with 1 to 3 channels), :class:`Timeout` when the walk has not
+    ended after ``timeout`` seconds plus the time a slow disk takes to read
+    the file, and :class:`LibraryNotFound`
     when there is no library to load.
     """
     return Media(path, timeout=timeout)

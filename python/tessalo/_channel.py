@@ -20,7 +20,6 @@ from typing import Callable, Deque, Dict, FrozenSet, List, Optional, Tuple, Unio
 import numpy as np
 
 
-from ._activity import FileActivity
 from ._images import Image
 from ._library import Callback, EditOffset, Event
 from .errors import PictureError, TessaloError, Timeout
@@ -172,27 +171,26 @@ class Channel:
         with self._cond:
             return self._events[mark:]
 
-    def wait_for_event(self, mark: int, wanted: Tuple[int, ...], timeout: float, activity: Optional[FileActivity],
-                       doing: str, path: Optional[str]) -> int:
+    def wait_for_event(self, mark: int, wanted: Tuple[int, ...], timeout: float, doing: str,
+                       path: Optional[str]) -> int:
         """The first of ``wanted`` among the events after ``mark``, once it has come."""
         def first() -> Optional[int]:
             return next((e for e in self._events[mark:] if e in wanted), None)
 
-        self.wait(lambda: first() is not None, timeout, activity, doing, path)
+        self.wait(lambda: first() is not None, timeout, doing, path)
         with self._cond:
             found = first()
         assert found is not None
         return found
 
-    def wait(self, done: Callable[[], bool], timeout: float, activity: Optional[FileActivity],
-             doing: str, path: Optional[str]) -> None:
+    def wait(self, done: Callable[[], bool], timeout: float, doing: str, path: Optional[str]) -> None:
         """Waits until ``done()`` holds, tested with the lock held.
 
-        Raises :class:`Timeout` once the library has sent no event and the
-        watched files have not moved for ``timeout`` seconds.
+        Raises :class:`Timeout` once the library has sent no event for
+        ``timeout`` seconds: its events are the only sign of work it gives.
         """
         poll = max(0.005, min(_POLL, timeout / 4))
-        count, sign = -1, None
+        count = -1
         quiet_since = time.monotonic()
         while True:
             with self._cond:
@@ -203,12 +201,11 @@ class Channel:
                 if done():
                     return
                 now_count = self._count
-            now, now_sign = time.monotonic(), activity.snapshot() if activity else None
-            if now_count != count or now_sign != sign:
-                count, sign, quiet_since = now_count, now_sign, now
+            now = time.monotonic()
+            if now_count != count:
+                count, quiet_since = now_count, now
             elif now - quiet_since >= timeout:
-                raise Timeout(f"the library showed no sign of work for {timeout:g} s while {doing}", path,
-                              seconds=timeout)
+                raise Timeout(f"the library sent no event for {timeout:g} s while {doing}", path, seconds=timeout)
 
     def _check(self, path: Optional[str]) -> None:
         if self.closed:
@@ -258,7 +255,7 @@ class Channel:
                 raise PictureError("the picture request was given up for a later request on the same media", path)
             return bool(self._pictures) or request in self._ends
 
-        self.wait(ready, timeout, None, doing, path)
+        self.wait(ready, timeout, doing, path)
         with self._cond:
             if self._pictures:
                 picture = self._pictures.popleft()

@@ -66,7 +66,7 @@ def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(prog="python -m tessalo", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--timeout", type=float, default=DEFAULT_TIMEOUT,
-                        help="seconds the library may show no sign of work before the program gives up")
+                        help="seconds without an event of the library before the program gives up (walks and cuts also get the time a slow disk takes to read the source)")
     commands = parser.add_subparsers(dest="command", required=True)
     info = commands.add_parser("info", help="media information and an index summary")
     keys = commands.add_parser("keys", help="every key timestamp with the size of its group")

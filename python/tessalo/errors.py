@@ -51,9 +51,9 @@ class Refused(TessaloError):
 
 
 class Timeout(TessaloError, TimeoutError):
-    """The library showed no sign of work for longer than the wait allowed.
+    """The library sent no event for longer than the wait allowed.
 
-    ``seconds`` is the silence that was allowed.
+    ``seconds`` is the time that was allowed.
     """
 
     def __init__(self, cause: str, path: Optional[str] = None, event: Optional[int] = None,

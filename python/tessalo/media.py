@@ -17,7 +17,6 @@ from typing import Dict, FrozenSet, Generator, Iterable, Iterator, List, Optiona
 import numpy as np
 
 from . import _causes, _images, _library, _plan
-from ._activity import FileActivity
 from ._channel import Channel, Picture, RequestEnd, in_callback
 from ._images import Image
 from ._library import EditOffset, EditRange, Event, MediaInfoRecord
@@ -27,9 +26,12 @@ __all__ = ["Media", "MediaInfo", "CutResult", "DEFAULT_TIMEOUT"]
 
 PathLike = Union[str, "os.PathLike[str]"]
 
-#: Seconds that the library may show no sign of work (no event, no movement in
-#: the files it reads or writes) before a wait gives up with tessalo.Timeout.
+#: Seconds that a wait allows between two events of the library before it
+#: gives up with tessalo.Timeout. An index walk and a cut send one event, at
+#: their end, so they also get the time a slow disk takes to read the source.
 DEFAULT_TIMEOUT = 30.0
+#: Bytes a second that a slow disk (a USB stick, a network share) still reads.
+_SLOW_DISK = 20 * 2**20
 
 _WALK_ENDS = (Event.INDEX_READY, Event.FILE_ERROR, Event.ERROR, Event.BAD_CODEC, Event.BAD_SAMPLE_RATE,
               Event.BAD_CHANNELS, Event.NO_VIDEO, Event.UNASSIGNED)
@@ -157,7 +159,9 @@ class Media:
     process opens its own (a Media does not cross ``fork``). Timestamps are
     integer milliseconds from the file's first video packet, as :meth:`keys`
     and :meth:`group` report them. Every wait gives up with
-    :class:`tessalo.Timeout` after ``timeout`` seconds without a sign of work.
+    :class:`tessalo.Timeout` after ``timeout`` seconds without an event; an
+    index walk and a cut, which report only their end, get ``timeout`` plus the
+    time a slow disk takes to read the whole source.
 
     Attributes: ``path`` (the file), ``info`` (:class:`MediaInfo`),
     ``timeout`` (seconds, the default of every wait).
@@ -194,7 +198,7 @@ class Media:
         mark = self._channel.mark()
         if not self._lib.TSL_StartPic(self._channel.handle, os.fsencode(self.path)):
             raise TessaloError("the library could not start reading (no thread or memory)", self.path)
-        end = self._channel.wait_for_event(mark, _WALK_ENDS, self.timeout, FileActivity([self.path]), "indexing",
+        end = self._channel.wait_for_event(mark, _WALK_ENDS, self._whole_file(self.timeout), "indexing",
                                            self.path)
         if end != Event.INDEX_READY:
             raise Refused(_causes.refusal(end, self.path), self.path, end)
@@ -465,6 +469,13 @@ class Media:
                 raise
         return CutResult(out, int(kind), spans, self._channel.offsets() if pairs else [])
 
+    def _whole_file(self, timeout: float) -> float:
+        """A wait for a job that reads up to the whole source before its one event."""
+        try:
+            return timeout + os.path.getsize(self.path) / _SLOW_DISK
+        except OSError:
+            return timeout
+
     @staticmethod
     def _partial_name(out: str) -> str:
         # The library picks the container by the name's ending, so it stays.
@@ -482,7 +493,7 @@ class Media:
                                      offsets, len(pairs), kind):
             raise CutError(self._refused_cut(kind, out), self.path)
         try:
-            end = self._channel.wait_for_event(mark, _CUT_ENDS, timeout, FileActivity([self.path, partial]),
+            end = self._channel.wait_for_event(mark, _CUT_ENDS, self._whole_file(timeout),
                                                f"cutting into {out} (kind {kind})", self.path)
         except Timeout as e:
             if os.path.exists(partial):
