@@ -131,6 +131,9 @@ void DemuxerAVImpl::getProperty(int id, void* storage) {
     case kDemuxerPropAudioBitRate:
         putInt(p.audioBitRate);
         break;
+    case kDemuxerPropRotation:
+        putInt(p.rotation);
+        break;
     default:
         break;
     }

@@ -59,6 +59,7 @@ constexpr int kDemuxerPropAnnexBExtraDataSize = 12;   // int32
 constexpr int kDemuxerPropChannels = 13;              // 16 bits only
 constexpr int kDemuxerPropSampleRate = 14;            // int32
 constexpr int kDemuxerPropAudioBitRate = 15;          // int32
+constexpr int kDemuxerPropRotation = 16;              // int32: 0, 90, 180 or 270 degrees clockwise
 
 // The only id of setProperty.
 constexpr int kDemuxerPropPath = 0;

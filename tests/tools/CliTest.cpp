@@ -136,7 +136,6 @@ TEST(CliRefusal, EachRefusedOrMissingFileGivesItsCauseAndStatusOne) {
         {"info " + m("hevc.mp4"), "video codec hevc is not supported: H.264 only"},
         {"info " + m("vp9.webm"), "video codec vp9 is not supported: H.264 only"},
         {"info " + m("mpeg4.mp4"), "video codec mpeg4 is not supported: H.264 only"},
-        {"info " + m("coverart.mp4"), "video codec png (an attached cover picture) is not supported: H.264 only"},
         {"info " + m("mp3audio.mp4"), "audio codec mp3 is not supported: AAC only"},
         {"info " + m("aac22050.mp4"), "audio sample rate 22050 Hz is not supported: 44100 or 48000 only"},
         {"info " + m("aac6ch.mp4"), "6 audio channels are not supported: 1 to 3 only"},
