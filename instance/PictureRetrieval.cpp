@@ -83,6 +83,7 @@ void TessaloImpl::planKeys(FetchPlan* plan, KeyProbe* probe) {
     for (size_t g = 0; g < keyGroups.size() && g < sortedKeyGroups.size(); ++g)
         groupOf.emplace(sortedKeyGroups[g]->front()->pts, g);
     for (int64_t pts : askedPts) {
+        if (isStopped()) return;  // the plan of a long list must not hold a stop up
         const auto found = groupOf.find(pts);
         if (found == groupOf.end()) continue;  // answered as missing when the pictures pass it
         const size_t g = found->second;

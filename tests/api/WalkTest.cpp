@@ -116,6 +116,33 @@ TEST_F(HostWalk, MediaInformationAndIndexEqualFfprobe) {
     }
 }
 
+// Shapes of other producers, against ffprobe: a phone's display matrix (which
+// ffprobe reads as counter-clockwise degrees), a variable rate whose nominal
+// rate is the 1/90000 time base, and a cover picture beside the video, left out.
+TEST_F(HostWalk, RotationRateAndCoverArtInTheMediaInformation) {
+    const struct { const char* name; int32_t rotation; bool rateIsTimeBase; } cases[] = {
+        {"rotated90.mp4", 90, false}, {"vfr.mp4", 0, true}, {"coverart.mp4", 0, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string file = tsltest::media(c.name);
+        const nlohmann::json video = tsltest::ffprobe(file)["streams"][0];
+        const nlohmann::json side = video.value("side_data_list", nlohmann::json::array());
+        const int64_t counterClockwise = side.empty() ? 0 : number(side[0], "rotation");
+        const auto [num, den] = tsltest::fraction(video, "r_frame_rate");
+        const auto [avgNum, avgDen] = tsltest::fraction(video, "avg_frame_rate");
+        ASSERT_EQ(num == 90000 && den == 1, c.rateIsTimeBase);
+        events.clear();
+        ASSERT_EQ(walk(file), kHostEventIndexReady);
+        TessaloMediaInfo info;
+        TSL_GetMediaInfo(handle, &info);
+        EXPECT_EQ(info.rotation, c.rotation);
+        EXPECT_EQ(info.rotation, (360 - counterClockwise) % 360);
+        EXPECT_EQ(info.frameRate, c.rateIsTimeBase ? avgNum / avgDen : num / den);
+        EXPECT_EQ(info.width, number(video, "width"));
+        EXPECT_EQ(keyPts(), tsltest::probeIndex(file).keyPts());
+    }
+}
+
 // A lost end of walk leaves the worker asleep: the wait would time out.
 TEST_F(HostWalk, ManyWalksLoseNoEnd) {
     const std::string tiny = tsltest::media("tiny.mp4");

@@ -63,21 +63,43 @@ TEST(PictureRequests, MainFile) {
     EXPECT_EQ(host.request({-5}), (Events{kHostEventPicStart, kHostEventError}));
     EXPECT_EQ(host.request({keys[0]}), kOnePicture);
     EXPECT_FALSE(TSL_GetPicByPts(host.handle, keys.data(), 0)) << "a count below 1";
-    for (int round = 0; round < 3; ++round) {
+}
+
+// A long key-mode request (every key of a file of 600 groups) given up at once
+// by another request, many times: the stop may come before the worker began,
+// while it plans, or between samples, and is never lost. The first request
+// delivers at most the picture that was on its way when the stop came, ends
+// with NoPic exactly when it delivered nothing, then PicDone; the second
+// follows whole. A format set while the first runs changes neither.
+TEST(PictureRequests, AStopRacingTheStartIsNeverLost) {
+    constexpr int32_t kStopSent = -100;  // marks, among the events, when the second request was made
+    Host host;
+    ASSERT_TRUE(host.index(tsltest::longWalkFile()));
+    const std::vector<int64_t> keys = host.keyPts();
+    ASSERT_EQ(keys.size(), 600u);
+    for (int round = 0; round < 60; ++round) {
+        SCOPED_TRACE(round);
         host.events.clear();
-        ASSERT_TRUE(host.send(all) && host.send({keys[1]}));
+        ASSERT_TRUE(host.send(keys));
+        TSL_SetOutputPicFormat(host.handle, kPicFormatBgr24);  // too late for this request, and ignored
+        host.events.record(kStopSent);
+        ASSERT_TRUE(host.send({keys[1]}));
         ASSERT_TRUE(host.events.waitFor(kHostEventPicDone, 2, kWait));
-        // The first request: PicStart ... [NoPic] PicDone, NoPic only when
-        // nothing came, and a stop before the worker began skips even its
-        // PicStart. Then the second request whole.
-        const Events seen = host.events.events();
-        const auto firstDone = std::find(seen.begin(), seen.end(), kHostEventPicDone) + 1;
-        const Events first(seen.begin(), firstDone), second(firstDone, seen.end());
+        Events seen = host.events.events();
+        const auto marker = std::find(seen.begin(), seen.end(), kStopSent);
+        const auto firstDone = std::find(seen.begin(), seen.end(), kHostEventPicDone);
+        ASSERT_TRUE(marker < firstDone);
+        EXPECT_LE(std::count(marker, firstDone, kHostEventPicReady), 1) << "pictures after the stop";
+        seen.erase(marker);
+        const auto split = std::find(seen.begin(), seen.end(), kHostEventPicDone) + 1;
+        const Events first(seen.begin(), split), second(split, seen.end());
         const bool none = std::count(first.begin(), first.end(), kHostEventPicReady) == 0;
+        // A stop before the worker began skips even its PicStart.
         EXPECT_TRUE(first[0] == kHostEventPicStart || first[0] == kHostEventNoPic) << first[0];
         EXPECT_EQ(std::count(first.begin(), first.end(), kHostEventNoPic), none ? 1 : 0);
         EXPECT_TRUE(!none || (first.size() >= 2 && first.end()[-2] == kHostEventNoPic));
         EXPECT_EQ(second, kOnePicture);
+        for (const Picture& p : host.pictures) EXPECT_EQ(p.bytes.size(), 64u * 48 * 3 / 2) << "still I420";
     }
 }
 

@@ -209,6 +209,19 @@ TEST(CliThumbs, OnePngPerKeyUprightInItsColoursAndASheetSizedByItsColumns) {
     EXPECT_TRUE(top[0] > 200 && top[2] < 60 && bottom[0] < 60 && bottom[2] > 200);
 }
 
+// Stored landscape, shown turned a quarter clockwise: the pictures come out as
+// ffmpeg shows the file (it turns by the display matrix too), and info says so.
+TEST(CliThumbs, ATurnedFileGivesUprightPortraitPictures) {
+    const std::string file = media("rotated90.mp4"), dir = tsltest::scratchDir();
+    const auto r = tessalo("thumbs " + q(file) + " -o " + q(dir));
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::string key0 = dir + "/" + pngName("key", 0);
+    EXPECT_EQ(sizeOf(key0), std::make_pair(120, 160));
+    EXPECT_LT(meanDiff(rgb(key0), rgb(file, 0)), 6.0);
+    EXPECT_EQ(json::parse(tessalo("info " + q(file) + " --json").out)["video"]["rotation"], 90);
+    EXPECT_NE(tessalo("info " + q(file)).out.find("rotation       90 degrees clockwise"), std::string::npos);
+}
+
 TEST(CliFrames, EveryPictureOfAGroupUnderItsOwnTimestamp) {
     const std::string file = media("main.mp4"), dir = tsltest::scratchDir();
     const auto group = tsltest::probeIndex(file).sortedGroupPts().at(1);
