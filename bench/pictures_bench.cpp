@@ -5,6 +5,9 @@
 //  deep_picture: the pictures of one group three quarters into the clip, up
 //    to its last picture, against ffmpeg -ss T -i CLIP -frames:v 1 -f rawvideo,
 //    which decodes the same group from its key frame to T.
+//  keys_bgr24_10bit, keys_bgr24_444: every key picture as BGR24 of a 720p
+//    clip in 10-bit 4:2:0 and in 8-bit 4:4:4 (made once beside CLIP), which
+//    go through libswscale, against the same ffmpeg command.
 // The index walk is made once beforehand and is not timed: a host asks for
 // pictures of a file it has indexed. Each picture is copied out with TSL_GetPic
 // inside kHostEventPicReady, as a host does. Runs alternate with the reference.
@@ -125,6 +128,33 @@ bool compare(const char* name, Host& host, const std::vector<int64_t>& pts, cons
     return true;
 }
 
+// The key pictures of a short 720p clip in another pixel layout, made once
+// beside the long clip, as BGR24.
+bool keysOfLayout(const std::string& longClip, const std::string& layout, int runs) {
+    const std::string clip = longClip.substr(0, longClip.rfind('.')) + "_" + layout + ".mp4";
+    const std::string make = "[ -s " + quote(clip) + " ] || ffmpeg -nostdin -v error -y -f lavfi -i "
+                             "testsrc2=size=1280x720:rate=30:duration=60 -c:v libx264 -preset ultrafast -g 60 "
+                             "-pix_fmt " + layout + " " + quote(clip);
+    Host host;
+    host.handle = TSL_CreateTessalo(&host, onHostEvent);
+    if (std::system(make.c_str()) != 0 || !host.handle || !TSL_StartPic(host.handle, clip.c_str()) ||
+        !waitForAny(host, {kHostEventIndexReady, kHostEventFileError, kHostEventError}) ||
+        !hasEvent(host, kHostEventIndexReady)) {
+        std::fprintf(stderr, "pictures_bench: cannot make or index %s\n", clip.c_str());
+        return false;
+    }
+    std::vector<int64_t> keys(static_cast<size_t>(TSL_GetKeyPtsCount(host.handle)));
+    keys.resize(static_cast<size_t>(TSL_GetKeyPts(host.handle, keys.data())));
+    TSL_SetOutputPicFormat(host.handle, kPicFormatBgr24);
+    const std::string name = "keys_bgr24_" + std::string(layout == "yuv444p" ? "444" : "10bit");
+    const bool ok = compare(name.c_str(), host, keys,
+                            "ffmpeg -nostdin -v error -skip_frame nokey -i " + quote(clip) +
+                                " -fps_mode passthrough -pix_fmt bgr24 -f rawvideo -y /dev/null",
+                            runs, 1.0);
+    TSL_DestoryTessalo(host.handle);
+    return ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -172,5 +202,6 @@ int main(int argc, char** argv) {
                   1.0);
 
     TSL_DestoryTessalo(host.handle);
+    for (const char* layout : {"yuv420p10le", "yuv444p"}) ok &= keysOfLayout(clip, layout, runs);
     return ok ? 0 : 1;
 }

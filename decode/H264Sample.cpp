@@ -2,8 +2,6 @@
 
 namespace {
 
-constexpr int kNalIdrSlice = 5;
-
 // A coded slice of a picture (types 1 to 5); parameter sets, SEI and the
 // like come before it in the same sample.
 bool isSlice(int type) { return type >= 1 && type <= 5; }
@@ -41,8 +39,7 @@ int32_t nalLengthSize(const uint8_t* extraData, int32_t size) {
     return (extraData[4] & 3) + 1;
 }
 
-bool sampleStartsWithIdr(const uint8_t* data, int32_t size, int32_t lengthSize) {
-    if (!data || size <= 0) return false;
-    const int type = lengthSize > 0 ? firstSliceLengthPrefixed(data, size, lengthSize) : firstSliceStartCodes(data, size);
-    return type == kNalIdrSlice;
+int firstSliceType(const uint8_t* data, int32_t size, int32_t lengthSize) {
+    if (!data || size <= 0) return -1;
+    return lengthSize > 0 ? firstSliceLengthPrefixed(data, size, lengthSize) : firstSliceStartCodes(data, size);
 }

@@ -8,8 +8,9 @@
 // carry start codes instead (or the extra data says nothing usable).
 int32_t nalLengthSize(const uint8_t* extraData, int32_t size);
 
-// Whether the first coded slice of the sample is an IDR slice: a picture that
-// needs nothing before it, and that no later picture decodes before. Any
-// other sample, and a sample whose first slice is not found in `size` bytes,
-// gives false.
-bool sampleStartsWithIdr(const uint8_t* data, int32_t size, int32_t lengthSize);
+constexpr int kNalIdrSlice = 5;
+
+// nal_unit_type of the first coded slice (1 to 5) of the sample, or -1 when
+// none begins in these `size` bytes. An IDR slice (5) starts a picture that
+// needs nothing before it, and that no later picture decodes before.
+int firstSliceType(const uint8_t* data, int32_t size, int32_t lengthSize);

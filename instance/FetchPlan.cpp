@@ -47,13 +47,16 @@ KeyProbe::~KeyProbe() { closeFile(file); }
 
 bool KeyProbe::startsWithIdr(const FrameRecord& key) {
     // The first slice follows the parameter sets and SEI of the sample, a
-    // few hundred bytes in: a large key sample need not be read whole.
-    constexpr int32_t kEnough = 0x10000;
-    const int32_t size = std::min(key.size, kEnough);
-    if (!file.isOpen() || size <= 0) return false;
-    bytes.resize(static_cast<size_t>(size));
-    return readAt(file, key.position, bytes.data(), static_cast<uint32_t>(size)) &&
-           sampleStartsWithIdr(bytes.data(), size, lengthSize);
+    // few hundred bytes in: a key sample is read whole only when its first
+    // bytes hold no slice.
+    constexpr int32_t kFirstBytes = 0x1000, kEnough = 0x100000;
+    if (!file.isOpen() || key.size <= 0) return false;
+    for (int32_t size = std::min(key.size, kFirstBytes);; size = std::min(key.size, kEnough)) {
+        bytes.resize(static_cast<size_t>(size));
+        if (!readAt(file, key.position, bytes.data(), static_cast<uint32_t>(size))) return false;
+        const int type = firstSliceType(bytes.data(), size, lengthSize);
+        if (type >= 0 || size == std::min(key.size, kEnough)) return type == kNalIdrSlice;
+    }
 }
 
 }  // namespace Morvel_Tessalo
