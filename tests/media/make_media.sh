@@ -62,8 +62,8 @@ make yuv444p10le.mp4 gst444
 make bt709_720p.mp4 ff -f lavfi -i testsrc2=size=1280x720:rate=25:duration=1 -vf scale=out_color_matrix=bt709 \
   -colorspace bt709 -color_primaries bt709 -color_trc bt709 $x264small -pix_fmt yuv420p
 # Open GOP: the B-frames before each later key picture follow it in the stream
-# and refer to the group before.
-make opengop.mp4 ff $small -c:v libx264 -preset veryfast -pix_fmt yuv420p \
+# and refer to the group before. Six groups, so that a request can skip some.
+make opengop.mp4 ff -f lavfi -i testsrc2=size=160x120:rate=25:duration=5 -c:v libx264 -preset veryfast -pix_fmt yuv420p \
   -x264-params open-gop=1:bframes=3:b-adapt=0:keyint=24:min-keyint=24:scenecut=0
 # Intra refresh: no IDR after the first picture; the sync samples are recovery points.
 make intrarefresh.mp4 ff -f lavfi -i testsrc2=size=160x120:rate=25:duration=3 -c:v libx264 -preset veryfast \

@@ -66,6 +66,8 @@ TEST_P(EveryPicture, InBothModesUnderItsOwnTimestamp) {
     const auto want = ffmpegPictures(path, size_t(info.width) * info.height * 3 / 2);
     ASSERT_EQ(want.size(), all.size()) << "ffmpeg decodes as many pictures as the index holds";
     double lowest = expectAll(host, keys, all, want);
+    // Key mode past skipped groups: the decoder starts again where it jumps.
+    if (keys.size() >= 4) lowest = std::min(lowest, expectAll(host, {keys[0], keys[1], keys.back()}, all, want));
     for (int64_t key : keys) lowest = std::min(lowest, expectAll(host, host.groupPts(key), all, want));
     if (f.identical) EXPECT_EQ(lowest, std::numeric_limits<double>::infinity());
     EXPECT_GE(lowest, 45.0);
