@@ -36,7 +36,12 @@ void* TSL_CreateTessalo(void* user, TessaloCallback callback) {
     }
 }
 
-void TSL_DestoryTessalo(void* handle) { delete instanceOf(handle); }
+void TSL_DestoryTessalo(void* handle) {
+    // From inside one of its own callbacks the instance would wait for the
+    // very thread that runs the callback: refused, and the handle lives on.
+    if (!handle || instanceOf(handle)->insideCallback()) return;
+    delete instanceOf(handle);
+}
 
 bool TSL_StartPic(void* handle, const char* path) {
     // A null path is refused: there is nothing to copy.

@@ -76,7 +76,7 @@ typedef struct TessaloMediaInfo {
     int32_t sampleRate;     /* -1 in a file without audio */
     int32_t channels;       /* only the low 16 bits are written */
     int32_t audioBitRate;
-    int32_t reserved;
+    int32_t rotation;       /* display rotation, degrees clockwise: 0, 90, 180 or 270; pictures stay as stored */
     double durationMs;      /* 0.0 when unknown */
     int32_t videoCodec;     /* 0: H.264 */
     int32_t audioCodec;     /* 1: AAC (also in a file without audio) */
@@ -97,12 +97,14 @@ typedef struct EditOffset {
 #ifdef __cplusplus
 static_assert(sizeof(TessaloMediaInfo) == 48, "TessaloMediaInfo is 48 bytes");
 static_assert(offsetof(TessaloMediaInfo, sampleRate) == 16, "sampleRate at 16");
+static_assert(offsetof(TessaloMediaInfo, rotation) == 28, "rotation at 28");
 static_assert(offsetof(TessaloMediaInfo, durationMs) == 32, "durationMs at 32");
 static_assert(offsetof(TessaloMediaInfo, audioCodec) == 44, "audioCodec at 44");
 static_assert(sizeof(EditRange) == 16 && sizeof(EditOffset) == 16, "16-byte records");
 #else
 _Static_assert(sizeof(TessaloMediaInfo) == 48, "TessaloMediaInfo is 48 bytes");
 _Static_assert(offsetof(TessaloMediaInfo, sampleRate) == 16, "sampleRate at 16");
+_Static_assert(offsetof(TessaloMediaInfo, rotation) == 28, "rotation at 28");
 _Static_assert(offsetof(TessaloMediaInfo, durationMs) == 32, "durationMs at 32");
 _Static_assert(offsetof(TessaloMediaInfo, audioCodec) == 44, "audioCodec at 44");
 _Static_assert(sizeof(EditRange) == 16 && sizeof(EditOffset) == 16, "16-byte records");

@@ -13,6 +13,7 @@ extern "C" {
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
 #include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
 }
 
 namespace ffmpeg_holders {
@@ -40,6 +41,9 @@ struct FrameFree {
 };
 struct ResamplerFree {
     void operator()(SwrContext* resampler) const { swr_free(&resampler); }
+};
+struct ScalerFree {
+    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
 };
 struct BitstreamFilterFree {
     void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
@@ -70,6 +74,7 @@ using CodecContextHolder = std::unique_ptr<AVCodecContext, ffmpeg_holders::Codec
 using PacketHolder = std::unique_ptr<AVPacket, ffmpeg_holders::PacketFree>;
 using FrameHolder = std::unique_ptr<AVFrame, ffmpeg_holders::FrameFree>;
 using ResamplerHolder = std::unique_ptr<SwrContext, ffmpeg_holders::ResamplerFree>;
+using ScalerHolder = std::unique_ptr<SwsContext, ffmpeg_holders::ScalerFree>;
 using BitstreamFilterHolder = std::unique_ptr<AVBSFContext, ffmpeg_holders::BitstreamFilterFree>;
 // A block from av_malloc (extradata, buffers handed to FFmpeg).
 using AvBlockHolder = std::unique_ptr<uint8_t, ffmpeg_holders::BlockFree>;

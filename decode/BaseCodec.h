@@ -7,6 +7,8 @@ class BaseBuffer;
 constexpr int32_t kCodecParamExtraData = 2;            // BaseBuffer*; state 1 only
 constexpr int32_t kCodecParamFlush = 3;                // ignored; state 3 only
 constexpr int32_t kCodecParamThreads = 7;              // int32_t*; effective in state 1 only
+constexpr int32_t kCodecParamDrain = 8;                // ignored; state 3 only: no more input, out with the rest
+constexpr int32_t kCodecParamResume = 9;               // ignored; state 3 only: input again after a drain
 constexpr int32_t kCodecParamSampleRate = 0x40000002;  // int32_t*; audio only
 constexpr int32_t kCodecParamSampleBits = 0x40000003;  // int32_t*: 8, 16 or 32; audio only
 constexpr int32_t kCodecParamChannels = 0x40000004;    // int32_t*; audio only

@@ -13,6 +13,14 @@ constexpr int32_t kDecoderParamFlush = 0;      // value: null
 constexpr int32_t kDecoderParamThreads = 1;    // value: pointer to int32 count
 constexpr int32_t kDecoderParamExtraSize = 2;  // value: pointer to int32 length
 constexpr int32_t kDecoderParamExtraData = 3;  // value: the bytes
+// Id 4 is ignored, like every id not listed here.
+// The end of the input: each following outputData gives one of the pictures
+// still inside the decoder, then 0 once none is left. Value: null.
+constexpr int32_t kDecoderParamDrain = 5;
+// After a drain: the decoder takes input again, with nothing of the pictures
+// before it, as if new, so that it can start at another point of the stream.
+// Value: null.
+constexpr int32_t kDecoderParamResume = 6;
 
 // Compressed samples in, whole pictures out in one contiguous block.
 class DecoderBase {

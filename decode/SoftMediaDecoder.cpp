@@ -122,6 +122,19 @@ int32_t SoftMediaDecoder::setParameter(int32_t id, void* value) {
     case kCodecParamThreads:
         if (state == kCodecStateInit && value) threadCount = *static_cast<int32_t*>(value);
         return kOk;
+    case kCodecParamDrain:
+        // The next decode calls send the end of the stream and collect, one
+        // by one, the pictures that frame threads and reordering still hold.
+        if (state != kCodecStateStarted) return kErrInvalidState;
+        draining = true;
+        return kOk;
+    case kCodecParamResume:
+        // A drained decoder takes no input until it has been reset; the reset
+        // also forgets what it knew of references and recovery points.
+        if (state != kCodecStateStarted) return kErrInvalidState;
+        avcodec_flush_buffers(context.get());
+        draining = false;
+        return kOk;
     case kCodecParamSampleRate:
     case kCodecParamSampleBits:
     case kCodecParamChannels:
@@ -183,6 +196,7 @@ int32_t SoftMediaDecoder::start() {
         return kErrInvalidState;
     }
     flushing = false;
+    draining = false;
     state = kCodecStateStarted;
     return kOk;
 }
@@ -243,7 +257,7 @@ int32_t SoftMediaDecoder::decodeOnce(bool clearAfterSend) {
 
 int32_t SoftMediaDecoder::outputBuffer(BaseBuffer* out) {
     if (state != kCodecStateStarted) return kErrInvalidState;
-    if (!flushing && packet->size == 0) return kErrNoFrame;
+    if (!flushing && !draining && packet->size == 0) return kErrNoFrame;
     av_frame_unref(frame.get());
     if (!out || !out->data) return kErrInvalidArgument;
     if (mediaKind == kMediaKindVideo) return outputVideo(out);
@@ -261,6 +275,9 @@ int32_t SoftMediaDecoder::outputVideo(BaseBuffer* out) {
         info->strides[i] = f->linesize[i];
     }
     info->formatTag = kPlanarFormatTag;
+    info->pixelFormat = f->format;
+    info->colorRange = f->color_range;
+    info->colorSpace = f->colorspace;
     info->width = f->width;
     info->height = f->height;
     // frame->pts is the successor of pkt_pts: the pts of the packet this

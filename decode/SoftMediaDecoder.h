@@ -35,6 +35,7 @@ public:
     int32_t codecType = 0;
     int32_t threadCount = 1;
     bool flushing = false;
+    bool draining = false;  // set by kCodecParamDrain, cleared by kCodecParamResume and start
     CodecContextHolder context;
     const AVCodec* decoder = nullptr;
     PacketHolder packet;  // its bytes are the caller's

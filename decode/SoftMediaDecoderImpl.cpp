@@ -8,6 +8,7 @@
 
 extern "C" {
 #include <libavutil/mem.h>
+#include <libavutil/pixdesc.h>
 }
 
 namespace Morvel_Tessalo {
@@ -41,16 +42,64 @@ int32_t SoftMediaDecoderImpl::outputData(BasePacket* packet) {
     return 1;
 }
 
+namespace {
+
+// The packed layout of a picture of this format and size: the planes one
+// after another, rows without padding. False for a format that is not planar
+// YUV or grey of 8 to 16 bits, which no output step could read.
+bool describePlanes(const PlanarPictureInfo& info, PictureLayout* layout, int32_t rows[3], int64_t* blockSize) {
+    AVPixelFormat format = static_cast<AVPixelFormat>(info.pixelFormat);
+    bool fullRange = info.colorRange == AVCOL_RANGE_JPEG;
+    // The yuvj formats are their yuv twins in full range; the range travels
+    // on its own, so that one name means one layout.
+    switch (format) {
+    case AV_PIX_FMT_YUVJ420P: format = AV_PIX_FMT_YUV420P, fullRange = true; break;
+    case AV_PIX_FMT_YUVJ422P: format = AV_PIX_FMT_YUV422P, fullRange = true; break;
+    case AV_PIX_FMT_YUVJ444P: format = AV_PIX_FMT_YUV444P, fullRange = true; break;
+    default: break;
+    }
+    const AVPixFmtDescriptor* d = av_pix_fmt_desc_get(format);
+    if (!d || !(d->flags & AV_PIX_FMT_FLAG_PLANAR) || (d->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_BE)) ||
+        (d->nb_components != 1 && d->nb_components != 3) || d->comp[0].depth < 8 || d->comp[0].depth > 16)
+        return false;
+    const int64_t sampleBytes = d->comp[0].depth > 8 ? 2 : 1;
+    // 8-bit 4:2:0 keeps the I420 block of old, whose chroma rows are
+    // width >> 1 bytes even for an odd width (H.264 never gives one); every
+    // other format keeps its whole chroma planes.
+    const bool i420 = format == AV_PIX_FMT_YUV420P;
+    const int64_t w = info.width, h = info.height;
+    const int64_t cw = i420 ? w >> 1 : (w + (1 << d->log2_chroma_w) - 1) >> d->log2_chroma_w;
+    const int64_t ch = i420 ? h >> 1 : (h + (1 << d->log2_chroma_h) - 1) >> d->log2_chroma_h;
+    layout->pixelFormat = format;
+    layout->bitDepth = d->comp[0].depth;
+    layout->planeCount = d->nb_components;
+    layout->matrix = info.colorSpace;
+    layout->fullRange = fullRange;
+    int64_t offset = 0;
+    for (int p = 0; p < layout->planeCount; ++p) {
+        const int64_t stride = (p ? cw : w) * sampleBytes;
+        layout->offsets[p] = static_cast<int32_t>(offset);
+        layout->strides[p] = static_cast<int32_t>(stride);
+        rows[p] = static_cast<int32_t>(p ? ch : h);
+        offset += stride * rows[p];
+        if (offset > INT32_MAX) return false;
+    }
+    *blockSize = i420 ? w * h * 3 / 2 : offset;
+    return true;
+}
+
+}  // namespace
+
 int32_t SoftMediaDecoderImpl::packPicture(BasePacket* packet) {
     auto* video = dynamic_cast<VideoPacket*>(packet);
     if (!video) return 2;
     const int32_t width = pictureInfo.width;
     const int32_t height = pictureInfo.height;
     if (width <= 0 || height <= 0) return 2;
-    // For odd sizes the chroma planes are (width >> 1) x (height >> 1), which
-    // leaves a few bytes at the end of the block unwritten.
-    const int64_t packed64 = static_cast<int64_t>(width) * height * 3 / 2;
-    if (packed64 > INT32_MAX) return 2;
+    PictureLayout layout;
+    int32_t rows[3] = {0, 0, 0};
+    int64_t packed64 = 0;
+    if (!describePlanes(pictureInfo, &layout, rows, &packed64) || packed64 > INT32_MAX) return 2;
     const uint32_t packed = static_cast<uint32_t>(packed64);
     if (packed != packet->size || !packet->data) {
         av_free(packet->data);
@@ -58,17 +107,13 @@ int32_t SoftMediaDecoderImpl::packPicture(BasePacket* packet) {
         packet->size = packet->data ? packed : 0;
         if (!packet->data) return 2;
     }
-    uint8_t* dst = packet->data;
-    const uint8_t* src = pictureInfo.planes[0];
-    for (int32_t y = 0; y < height; ++y, src += pictureInfo.strides[0], dst += width)
-        std::memcpy(dst, src, width);
-    const int32_t cw = width >> 1;
-    const int32_t ch = height >> 1;
-    for (int plane = 1; plane < 3; ++plane) {
-        src = pictureInfo.planes[plane];
-        for (int32_t y = 0; y < ch; ++y, src += pictureInfo.strides[plane], dst += cw)
-            std::memcpy(dst, src, cw);
+    for (int plane = 0; plane < layout.planeCount; ++plane) {
+        const uint8_t* src = pictureInfo.planes[plane];
+        uint8_t* dst = packet->data + layout.offsets[plane];
+        for (int32_t y = 0; y < rows[plane]; ++y, src += pictureInfo.strides[plane], dst += layout.strides[plane])
+            std::memcpy(dst, src, static_cast<size_t>(layout.strides[plane]));
     }
+    video->layout = layout;
     video->keyFrame = output.flags != 0;
     video->pts = output.pts;
     video->dts = output.pts;
@@ -116,6 +161,12 @@ void SoftMediaDecoderImpl::setParameter(int32_t id, void* value) {
         break;
     case kDecoderParamThreads:
         codec->setParameter(kCodecParamThreads, value);
+        break;
+    case kDecoderParamDrain:
+        codec->setParameter(kCodecParamDrain, value);
+        break;
+    case kDecoderParamResume:
+        codec->setParameter(kCodecParamResume, value);
         break;
     case kDecoderParamExtraSize:
         if (value) extraDataSize = *static_cast<int32_t*>(value);

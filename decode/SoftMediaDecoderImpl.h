@@ -10,8 +10,10 @@ class BaseCodec;
 namespace Morvel_Tessalo {
 
 // The one decoder: a SoftMediaDecoder behind it, input staged without a
-// copy, each decoded picture packed into one I420 block of a VideoPacket so
-// that no pointer into the decoding library's memory leaves this class.
+// copy, each decoded picture packed into one block of a VideoPacket (its
+// planes without row padding, described by the packet's layout) so that no
+// pointer into the decoding library's memory leaves this class. An 8-bit
+// 4:2:0 picture packs into exactly the I420 block that format 0 hands out.
 class SoftMediaDecoderImpl : public DecoderBase {
 public:
     explicit SoftMediaDecoderImpl(int32_t mediaKind);

@@ -9,6 +9,7 @@
 
 extern "C" {
 #include <libavcodec/bsf.h>
+#include <libavutil/display.h>
 }
 
 #include "base/Log.h"
@@ -85,6 +86,33 @@ int rateIndex(int32_t rate) {
     return 15;
 }
 
+// Frames per second of a video stream. A stream whose nominal rate is its
+// time base (90000 for a variable-rate file with a 1/90000 time base) tells
+// no rate at all; its average rate is the one a host can use.
+double frameRateOf(const AVStream* stream) {
+    const AVRational nominal = stream->r_frame_rate;
+    const AVRational average = stream->avg_frame_rate;
+    const bool nominalUsable = nominal.num != 0 && nominal.den != 0 &&
+                               av_cmp_q(nominal, av_inv_q(stream->time_base)) != 0;
+    if (nominalUsable) return av_q2d(nominal);
+    if (average.num != 0 && average.den != 0) return av_q2d(average);
+    return nominal.num != 0 && nominal.den != 0 ? av_q2d(nominal) : 0.0;
+}
+
+// Clockwise degrees, one of 0, 90, 180 and 270, from the stream's display
+// matrix. FFmpeg reads the matrix as a counter-clockwise angle: a phone's
+// portrait video, stored sideways and turned a quarter clockwise for display,
+// reads as -90.
+int32_t rotationOf(const AVStream* stream) {
+    size_t size = 0;
+    const uint8_t* matrix = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
+    if (!matrix || size < 9 * sizeof(int32_t)) return 0;
+    const double counterClockwise = av_display_rotation_get(reinterpret_cast<const int32_t*>(matrix));
+    if (std::isnan(counterClockwise)) return 0;
+    const long quarters = std::lround(-counterClockwise / 90.0);
+    return static_cast<int32_t>(((quarters % 4) + 4) % 4 * 90);
+}
+
 bool listHas(const int32_t* list, uint16_t count, int index) {
     for (uint16_t i = 0; i < count; ++i)
         if (list[i] == index) return true;
@@ -108,6 +136,7 @@ void AVStreamParse::resetFields() {
     width = height = 0;
     firstAudio = firstVideo = firstSubtitle = -1;
     frameRate = 0.0;
+    rotation = 0;
     duration = 0.0;
     state = kParseStateIdle;
     for (int i = 0; i < kParseTableSize; ++i) {
@@ -262,7 +291,9 @@ int AVStreamParse::scanStreams() {
 
 int AVStreamParse::scanVideo(AVStream* stream, int index) {
     AVCodecParameters* parameters = stream->codecpar;
-    if (parameters->width <= 0 || parameters->height <= 0) {
+    // An attached picture (cover art) is one still image beside the video,
+    // not a video stream: it is left out like any stream of no use here.
+    if (parameters->width <= 0 || parameters->height <= 0 || (stream->disposition & AV_DISPOSITION_ATTACHED_PIC)) {
         stream->discard = AVDISCARD_ALL;
         return 0;
     }
@@ -270,17 +301,8 @@ int AVStreamParse::scanVideo(AVStream* stream, int index) {
     width = parameters->width;
     height = parameters->height;
     hasVideo = true;
-    AVRational rate = stream->r_frame_rate;
-    if (rate.num != 0 && rate.den != 0) {
-        frameRate = static_cast<double>(rate.num) / static_cast<double>(rate.den);
-    } else {
-        // FFmpeg 5.1 has no stream codec context (time base x ticks per
-        // frame): the stream's average frame rate is the nearest fallback.
-        AVRational average = stream->avg_frame_rate;
-        frameRate = (average.num != 0 && average.den != 0)
-                        ? static_cast<double>(average.num) / static_cast<double>(average.den)
-                        : 0.0;
-    }
+    frameRate = frameRateOf(stream);
+    rotation = rotationOf(stream);
     if (firstVideo == -1) {
         firstVideo = static_cast<int16_t>(index);
         videoTimeBase = stream->time_base;

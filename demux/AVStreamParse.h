@@ -101,6 +101,7 @@ public:
     int16_t firstVideo = -1;
     int16_t firstSubtitle = -1;
     double frameRate = 0.0;
+    int32_t rotation = 0;  // display rotation of the last accepted video stream: 0, 90, 180 or 270 clockwise
     double duration = 0.0;  // ms
     int32_t state = kParseStateIdle;  // guarded by mutex once the reader runs
     uint16_t channels[kParseTableSize];

@@ -132,6 +132,9 @@ void DemuxerAVImpl::getProperty(int id, void* storage) {
     case kDemuxerPropAudioBitRate:
         putInt(p.audioBitRate);
         break;
+    case kDemuxerPropRotation:
+        putInt(p.rotation);
+        break;
     case kDemuxerPropIndexOrigins: {
         const IndexOrigins origins{p.videoPtsOrigin, p.videoDtsOrigin, p.audioPtsOrigin};
         std::memcpy(storage, &origins, sizeof origins);

@@ -59,9 +59,10 @@ constexpr int kDemuxerPropAnnexBExtraDataSize = 12;   // int32
 constexpr int kDemuxerPropChannels = 13;              // 16 bits only
 constexpr int kDemuxerPropSampleRate = 14;            // int32
 constexpr int kDemuxerPropAudioBitRate = 15;          // int32
+constexpr int kDemuxerPropRotation = 16;              // int32: 0, 90, 180 or 270 degrees clockwise
 // After the walk: the origins of the index's timelines (IndexOrigins of
 // instance/FrameRecord.h). Written by the reader; read once it has ended.
-constexpr int kDemuxerPropIndexOrigins = 16;          // IndexOrigins
+constexpr int kDemuxerPropIndexOrigins = 17;          // IndexOrigins
 
 // The only id of setProperty.
 constexpr int kDemuxerPropPath = 0;

@@ -1,88 +1,27 @@
 // Picture retrieval: the samples a request needs are read straight from the
-// file by their indexed positions, fed to a fresh decoder, and the pictures
-// that come out are matched against the asked timestamps.
-#include <climits>
-#include <cstring>
+// file by their indexed positions, fed to a fresh decoder, and each picture
+// that comes out answers the asked timestamp that is its own.
 #include <memory>
 #include <new>
+#include <unordered_map>
 
 #include "base/Log.h"
+#include "decode/H264Sample.h"
 #include "decode/SoftMediaDecoderImpl.h"
+#include "instance/FetchPlan.h"
+#include "instance/ReadWindow.h"
 #include "instance/TessaloImpl.h"
-#include "platform/PlatformFile.h"
 #include "platform/Utf8.h"
 
 namespace Morvel_Tessalo {
 
 namespace {
 
-// The largest single move; one below the 32-bit maximum.
-constexpr int64_t kMoveStep = 0x7FFFFFFE;
 constexpr int32_t kDecoderThreads = 4;
-
-struct FileCloser {
-    PlatformFile file;
-    ~FileCloser() { closeFile(file); }
-};
-
-// Moves to an absolute position in steps that fit a signed 32-bit distance:
-// the first from the start of the file, the rest from where it stands.
-bool moveTo(PlatformFile file, int64_t position) {
-    MoveFrom from = MoveFrom::Begin;
-    for (int64_t remaining = position; remaining > 0; remaining -= kMoveStep) {
-        int32_t step = static_cast<int32_t>(remaining < kMoveStep ? remaining : kMoveStep);
-        if (!moveFilePointer(file, step, from)) return false;
-        from = MoveFrom::Current;
-    }
-    return true;
-}
-
-// The stretch of the file held in memory during one request.
-struct ReadWindow {
-    PlatformFile file;
-    uint8_t* buffer = nullptr;  // kReadBufferSize bytes
-    int32_t bufferBytes = 0;
-    int64_t bufferEnd = 0;  // file position just past the last byte held
-    int32_t sampleOffset = 0;
-
-    // Makes the sample at `position` of `size` bytes addressable at
-    // buffer + sampleOffset. False ends the request's walk through the samples.
-    bool bring(int64_t position, int32_t size) {
-        // A position of -1 (none known), a negative size or a sample longer
-        // than the whole buffer cannot be held: the walk ends there rather
-        // than feed bytes that are not the sample's.
-        if (position < 0 || size < 0 || size > kReadBufferSize) return false;
-        int32_t tail = 0;
-        const int64_t bufferStart = bufferEnd - bufferBytes;
-        if (position > bufferEnd) {
-            const int64_t gap = position - bufferEnd;
-            if (gap <= INT32_MAX) {
-                if (!moveFilePointer(file, static_cast<int32_t>(gap), MoveFrom::Current)) return false;
-            } else if (!moveTo(file, position)) {
-                // A gap past one 32-bit move: position absolutely, in steps.
-                return false;
-            }
-        } else if (position < bufferStart) {
-            // Samples lie at ascending positions; one that does not is read
-            // again from its own place instead of from before the buffer.
-            if (!moveTo(file, position)) return false;
-        } else if (position + size > bufferEnd) {
-            tail = static_cast<int32_t>(bufferEnd - position);
-            std::memmove(buffer, buffer + (bufferBytes - tail), static_cast<size_t>(tail));
-        } else {
-            sampleOffset = static_cast<int32_t>(position - bufferStart);
-            return true;
-        }
-        sampleOffset = 0;
-        uint32_t got = 0;
-        if (!readFile(file, buffer + tail, static_cast<uint32_t>(kReadBufferSize - tail), &got) || got == 0)
-            return false;
-        bufferBytes = tail + static_cast<int32_t>(got);
-        bufferEnd = position + bufferBytes;
-        // The file ended inside the sample.
-        return size <= bufferBytes;
-    }
-};
+// A drained decoder gives out what its frame threads and reordering hold, a
+// few dozen pictures at most; the bound keeps a decoder that keeps failing
+// from holding the request.
+constexpr int kDrainLimit = 256;
 
 }  // namespace
 
@@ -101,31 +40,70 @@ bool TessaloImpl::openDecoder(int32_t size, uint8_t* data) {
     return decoder->open() != 0;
 }
 
+// A group is named by its key sample's own timestamp, or by the lowest
+// timestamp of the group, which TSL_GetKeyPts reports; the two differ where
+// pictures shown before the key picture follow it in the stream (open GOP).
+static bool namesGroup(const std::vector<FrameGroup*>& keyGroups, const std::vector<FrameGroup*>& sorted,
+                       size_t g, int64_t pts) {
+    return keyGroups[g]->front()->pts == pts || (g < sorted.size() && sorted[g]->front()->pts == pts);
+}
+
 void TessaloImpl::locateStart() {
     keysOnly = false;
-    allDelivered = false;
     firstDelivered = false;
+    nextAsked = 0;
     startGroup = 0;
     const size_t groups = keyGroups.size();
     if (askedPts.size() == 1) {
         keysOnly = true;
-        allDelivered = true;
-        while (startGroup < groups && keyGroups[startGroup]->front()->pts != askedPts[0]) ++startGroup;
+        while (startGroup < groups && !namesGroup(keyGroups, sortedKeyGroups, startGroup, askedPts[0])) ++startGroup;
         return;
     }
     if (askedPts.size() < 2) return;
     bool matched = false;
     for (size_t g = 0; g < groups; ++g) {
-        if (keyGroups[g]->front()->pts == askedPts[0]) {
+        if (namesGroup(keyGroups, sortedKeyGroups, g, askedPts[0])) {
             matched = true;
             break;
         }
         if (startGroup + 1 < groups) ++startGroup;
     }
-    if (matched && startGroup + 1 < groups) {
-        if (keyGroups[startGroup + 1]->front()->pts == askedPts[1]) keysOnly = true;
-        else allDelivered = true;
+    if (matched && startGroup + 1 < groups && namesGroup(keyGroups, sortedKeyGroups, startGroup + 1, askedPts[1]))
+        keysOnly = true;
+}
+
+// Key mode: an asked key picture that is an IDR picture needs its key sample
+// alone. Any other (a picture shown before its group's key picture, or a key
+// sample that is a recovery point) is decoded from the key of the group
+// before, through its own group: the previous group's references, or the
+// previous wave of intra refresh, make it whole.
+void TessaloImpl::planKeys(FetchPlan* plan, KeyProbe* probe) {
+    std::unordered_map<int64_t, size_t> groupOf;
+    for (size_t g = 0; g < keyGroups.size(); ++g) groupOf.emplace(keyGroups[g]->front()->pts, g);
+    for (size_t g = 0; g < keyGroups.size() && g < sortedKeyGroups.size(); ++g)
+        groupOf.emplace(sortedKeyGroups[g]->front()->pts, g);
+    for (int64_t pts : askedPts) {
+        if (isStopped()) return;  // the plan of a long list must not hold a stop up
+        const auto found = groupOf.find(pts);
+        if (found == groupOf.end()) continue;  // answered as missing when the pictures pass it
+        const size_t g = found->second;
+        const FrameRecord& key = *keyGroups[g]->front();
+        if (key.pts == pts && plan->feed(g) != FetchPlan::kWhole && probe->startsWithIdr(key)) {
+            plan->setFeed(g, FetchPlan::kKeyOnly);
+            plan->markIdr(g);
+            continue;
+        }
+        plan->setFeed(g, FetchPlan::kWhole);
+        if (g > 0) plan->setFeed(g - 1, FetchPlan::kWhole);
     }
+}
+
+// Run mode: every sample from the start group on; from the group before when
+// the start group's key is no IDR picture, for the same reason as above.
+void TessaloImpl::planRun(FetchPlan* plan, KeyProbe* probe) {
+    for (size_t g = startGroup; g < keyGroups.size(); ++g) plan->setFeed(g, FetchPlan::kWhole);
+    if (probe->startsWithIdr(*keyGroups[startGroup]->front())) plan->markIdr(startGroup);
+    else if (startGroup > 0) plan->setFeed(startGroup - 1, FetchPlan::kWhole);
 }
 
 bool TessaloImpl::fetchPictures() {
@@ -138,7 +116,7 @@ bool TessaloImpl::fetchPictures() {
         notifyHost(kHostEventError);
         return false;
     }
-    setState(kStateFetching);
+    if (!enterFetching()) return true;  // given up before the first sample
     if (startGroup >= keyGroups.size()) {
         notifyHost(kHostEventError);
         return false;
@@ -147,6 +125,12 @@ bool TessaloImpl::fetchPictures() {
     if (!closer.file.isOpen()) {
         notifyHost(kHostEventFileError);
         return false;
+    }
+    FetchPlan plan(keyGroups);
+    {
+        KeyProbe probe(path.get(), nalLengthSize(extraData.get(), extraDataSize));
+        if (keysOnly) planKeys(&plan, &probe);
+        else planRun(&plan, &probe);
     }
     // Not value-initialised: 20 MiB of zeroes per request would be wasted.
     std::unique_ptr<uint8_t[]> readBuffer(new (std::nothrow) uint8_t[kReadBufferSize]);
@@ -157,126 +141,96 @@ bool TessaloImpl::fetchPictures() {
     ReadWindow window;
     window.file = closer.file;
     window.buffer = readBuffer.get();
-
-    FrameGroup* group = keyGroups[startGroup];
-    size_t sampleIndex = 0;
-    const FrameRecord* sample = group->front();
+    bool restart = false;
+    const FrameRecord* sample = plan.next(&restart);
     // A position of -1 means the demuxer knew none: the bytes at the start of
     // the file would not be this sample, so the request fails as a read would.
-    if (sample->position < 0 || !moveTo(window.file, sample->position)) {
+    if (!sample || !window.fill(sample->position)) {
         notifyHost(kHostEventFileError);
         return false;
     }
-    uint32_t got = 0;
-    if (!readFile(window.file, window.buffer, kReadBufferSize, &got) || got == 0) {
-        notifyHost(kHostEventFileError);
-        return false;
-    }
-    window.bufferBytes = static_cast<int32_t>(got);
-    window.bufferEnd = sample->position + window.bufferBytes;
-    window.sampleOffset = 0;
-
-    const size_t asked = askedPts.size();
     while (!isStopped()) {
+        if (restart) restartDecoder();
         // Samples under 4 bytes carry no picture. A sample that the buffer
         // does not hold whole (the file ended inside it) is not fed either.
-        if (sample->size >= 4 && int64_t(window.sampleOffset) + sample->size <= window.bufferBytes) {
+        if (sample->size >= 4 && window.holds(sample->size)) {
             decoder->inputData(window.buffer + window.sampleOffset, sample->size, sample->pts, sample->dts);
             receivePicture();
         }
-
-        // The next sample.
-        const FrameRecord* next = nullptr;
-        if (keysOnly) {
-            if (static_cast<size_t>(keyDelivered) == asked) break;
-            if (startGroup + 1 < keyGroups.size()) {
-                group = keyGroups[++startGroup];
-                if (sampleIndex < group->size()) next = (*group)[sampleIndex];
-            } else if (allDelivered && firstDelivered) {
-                setState(kStateStopped);
-            } else if (++sampleIndex == group->size()) {
-                // The last group's other samples push out what the decoder holds.
-                setState(kStateStopped);
-            } else {
-                next = (*group)[sampleIndex];
-            }
-        } else {
-            if (static_cast<size_t>(runDelivered) == asked) break;
-            if (++sampleIndex < group->size()) {
-                next = (*group)[sampleIndex];
-            } else if (++startGroup < keyGroups.size()) {
-                group = keyGroups[startGroup];
-                sampleIndex = 0;
-                next = group->front();
-            }
-        }
-        if (!next) break;
-        if (!window.bring(next->position, next->size)) break;
-        sample = next;
+        sample = plan.next(&restart);
+        if (!sample || !window.bring(sample->position, sample->size)) break;
     }
+    if (isStopped()) return true;
+    // The samples ran out before every asked picture came: the decoder still
+    // holds the last ones.
+    decoder->setParameter(kDecoderParamDrain, nullptr);
+    drainDecoder();
+    while (nextAsked < askedPts.size() && !isStopped()) reportMissing();
+    setState(kStateStopped);
     return true;
 }
 
-void TessaloImpl::receivePicture() {
+void TessaloImpl::restartDecoder() {
+    decoder->setParameter(kDecoderParamDrain, nullptr);
+    drainDecoder();
+    decoder->setParameter(kDecoderParamResume, nullptr);
+}
+
+void TessaloImpl::drainDecoder() {
+    for (int i = 0; i < kDrainLimit && !isStopped(); ++i)
+        if (receivePicture() == 0) break;
+}
+
+int32_t TessaloImpl::receivePicture() {
     const int32_t r = decoder->outputData(&picture);
     if (r == 2) {
         // Nothing new came: picture still holds the last picture's pts.
         currentPts = picture.pts;
         notifyHost(kHostEventDecodeError);
-        return;
+        return 2;
     }
-    if (r != 1) return;
-    currentPts = picture.pts;
-    currentKey = picture.keyFrame;
+    if (r != 1) return 0;
+    answerPicture();
+    return 1;
+}
+
+// Pictures come out in presentation order, and the asked timestamps are in
+// that order too: a picture answers the next asked timestamp if it is its
+// own, passes as unasked if it comes before it, and shows that every asked
+// timestamp before its own will not come. Nothing is ever delivered under a
+// timestamp that is not the picture's own.
+void TessaloImpl::answerPicture() {
     const size_t asked = askedPts.size();
-    if (asked == 0) return;  // nothing was asked, so nothing is delivered
-
-    auto deliver = [this] {
-        convertPicture(picture.data, static_cast<int32_t>(picture.size), picture.width, picture.height,
-                       &outputPicture, &outputPictureSize, outputFormat);
-        notifyHost(kHostEventPicReady);
-    };
-    // No further picture is wanted: stop the decoder and the walk.
-    auto finish = [this] {
-        decoder->setParameter(kDecoderParamFlush, nullptr);
-        setState(kStateStopped);
-    };
-
-    if (keysOnly) {
-        if (!firstDelivered) {
-            // The first picture out of a fresh decoder answers the first
-            // asked timestamp, whatever its own.
-            firstDelivered = true;
-            keyDelivered = 1;
-            currentPts = askedPts[0];
-            currentKey = true;
-            deliver();
-            if (allDelivered) {
-                finish();
-                return;
-            }
-        }
-        if (static_cast<size_t>(keyDelivered) < asked && picture.pts == askedPts[keyDelivered]) {
-            ++keyDelivered;
-            deliver();
-        }
-        if (static_cast<size_t>(keyDelivered) == asked) allDelivered = true;
-        if (allDelivered) finish();
-        return;
-    }
-
-    if (!firstDelivered) {
-        firstDelivered = true;
-        currentPts = askedPts[0];
-        currentKey = true;
-        deliver();
-        runDelivered = 1;
-    } else if (static_cast<size_t>(runDelivered) < asked) {
-        currentPts = askedPts[runDelivered];
-        ++runDelivered;
+    while (nextAsked < asked && askedPts[nextAsked] < picture.pts && !isStopped()) reportMissing();
+    if (nextAsked < asked && askedPts[nextAsked] == picture.pts && !isStopped()) {
+        ++nextAsked;
         deliver();
     }
-    if (picture.pts == askedPts.back() || static_cast<size_t>(runDelivered) == asked) finish();
+    if (nextAsked == asked) finish();
+}
+
+// An asked picture that the decoder did not give (its data failed, or it
+// cannot be made whole from the file): kHostEventDecodeError, during which
+// TSL_GetPicPts gives its timestamp.
+void TessaloImpl::reportMissing() {
+    currentPts = askedPts[nextAsked++];
+    notifyHost(kHostEventDecodeError);
+}
+
+void TessaloImpl::deliver() {
+    currentPts = picture.pts;
+    // The first picture of a request carries the key mark; later ones the
+    // decoder's own.
+    currentKey = firstDelivered ? picture.keyFrame : true;
+    firstDelivered = true;
+    convertPicture(picture, &scaler, &outputPicture, &outputPictureSize, pictureFormat);
+    notifyHost(kHostEventPicReady);
+}
+
+// No further picture is wanted: stop the decoder and the walk.
+void TessaloImpl::finish() {
+    decoder->setParameter(kDecoderParamFlush, nullptr);
+    setState(kStateStopped);
 }
 
 }  // namespace Morvel_Tessalo

@@ -13,6 +13,9 @@ namespace Morvel_Tessalo {
 
 namespace {
 
+// The instance whose callback this thread is inside, if any.
+thread_local const TessaloImpl* notifying = nullptr;
+
 // Copies `size` bytes of a block that the demuxer owns into one of our own.
 // A missing source, a size of 0 or below, or no memory leave an empty copy
 // with size 0, so later users never see a size without bytes.
@@ -61,10 +64,17 @@ TessaloImpl::~TessaloImpl() {
 }
 
 void TessaloImpl::notifyHost(int32_t event) {
-    if (hostCallback) hostCallback(userData, event);
+    if (!hostCallback) return;
+    const TessaloImpl* outer = notifying;
+    notifying = this;
+    hostCallback(userData, event);
+    notifying = outer;
 }
 
+bool TessaloImpl::insideCallback() const { return notifying == this; }
+
 bool TessaloImpl::startPic(const char* newPath) {
+    if (insideCallback()) return false;
     stopWorker();
     // A running cut reads the index that is about to go.
     if (editor) {
@@ -83,6 +93,7 @@ bool TessaloImpl::startPic(const char* newPath) {
 }
 
 bool TessaloImpl::getPicByPts(const int64_t* pts, int32_t count) {
+    if (insideCallback()) return false;
     stopWorker();
     askedPts.clear();
     if (!pts || count < 1) return false;
@@ -91,8 +102,7 @@ bool TessaloImpl::getPicByPts(const int64_t* pts, int32_t count) {
     } catch (const std::bad_alloc&) {
         return false;
     }
-    runDelivered = 0;
-    keyDelivered = 0;
+    nextAsked = 0;
     // locateStart sets it again; clearing it here keeps a request that is
     // given up before locateStart from inheriting the former request's mark,
     // so it still ends with kHostEventNoPic.
@@ -102,12 +112,16 @@ bool TessaloImpl::getPicByPts(const int64_t* pts, int32_t count) {
 }
 
 bool TessaloImpl::startWorker() {
-    // A walk is marked running here, on the host's thread, before the worker
-    // and its demuxer exist, instead of after the demuxer's start: an end of
-    // file (or a stop) that comes while start is still returning can then
-    // never be overwritten by a late write of running. A fetch marks itself
-    // when its worker begins.
-    if (!fetchMode) setState(kStateRunning);
+    // Every request is marked running here, on the host's thread, before its
+    // worker exists, and nothing on the worker writes running again: an end
+    // of file, or a stop that comes while the worker is starting, can never
+    // be overwritten. The request's picture format is taken at the same
+    // moment: a format set later waits for the next request.
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        state = kStateRunning;
+        pictureFormat = outputFormat;
+    }
     try {
         worker.reset(new std::thread(&TessaloImpl::workerMain, this));
     } catch (const std::bad_alloc&) {
@@ -133,28 +147,21 @@ void TessaloImpl::stopWorker() {
 }
 
 void TessaloImpl::workerMain() {
-    bool fetched = true;
-    if (!fetchMode) {
-        if (!openDemuxer()) {
-            // A failed open leaves the state as it was before the request.
-            setState(kStateStopped);
-            return;
-        }
-        waitForIndex();
-    } else {
-        setState(kStateRunning);
-    }
-    // The walk arrives here stopped; a fetch runs once and stops itself.
-    if (!isStopped() && fetchMode) {
-        notifyHost(kHostEventPicStart);
-        locateStart();
-        fetched = fetchPictures();
+    try {
+        runWorker();
+    } catch (const std::bad_alloc&) {
+        // No memory on this thread: the job fails as one that could not be
+        // set up, and the instance stays usable.
         setState(kStateStopped);
+        releaseWorkerObjects();
+        notifyHost(kHostEventError);
     }
-    IndexOrigins origins;
+}
+
+void TessaloImpl::releaseWorkerObjects() {
     if (demuxer) {
         demuxer->stop();
-        demuxer->getProperty(kDemuxerPropIndexOrigins, &origins);  // the reader has ended
+        demuxer->getProperty(kDemuxerPropIndexOrigins, &indexOrigins);  // the reader has ended
         delete demuxer;
     }
     if (decoder) {
@@ -163,6 +170,26 @@ void TessaloImpl::workerMain() {
     }
     demuxer = nullptr;
     decoder = nullptr;
+}
+
+void TessaloImpl::runWorker() {
+    bool fetched = true;
+    if (!fetchMode) {
+        if (!openDemuxer()) {
+            // A failed open leaves the state as it was before the request.
+            setState(kStateStopped);
+            return;
+        }
+        waitForIndex();
+    }
+    // The walk arrives here stopped; a fetch runs once and stops itself.
+    if (!isStopped() && fetchMode) {
+        notifyHost(kHostEventPicStart);
+        locateStart();
+        fetched = fetchPictures();
+        setState(kStateStopped);
+    }
+    releaseWorkerObjects();
 
     if (fetchMode) {
         if (fetched) {
@@ -174,7 +201,7 @@ void TessaloImpl::workerMain() {
     if (keyGroups.empty()) return;
     if (editor) {
         editor->setFrameIndex(&keyGroups, &audioFrames, &videoTrackInfo, &audioTrackInfo);
-        editor->setIndexOrigins(origins);
+        editor->setIndexOrigins(indexOrigins);
     }
     videoTrackInfo = VideoTrackInfo{};
     audioTrackInfo = AudioTrackInfo{};
@@ -212,6 +239,7 @@ void TessaloImpl::readMediaInfo() {
     demuxer->getProperty(kDemuxerPropHeight, &mediaInfo.height);
     demuxer->getProperty(kDemuxerPropWidth, &mediaInfo.width);
     demuxer->getProperty(kDemuxerPropFrameRate, &mediaInfo.frameRate);
+    demuxer->getProperty(kDemuxerPropRotation, &mediaInfo.rotation);
 
     int32_t videoCodec = kDemuxerCodecH264;
     demuxer->getProperty(kDemuxerPropVideoCodec, &videoCodec);
@@ -252,6 +280,13 @@ bool TessaloImpl::isStopped() {
     return state == kStateStopped;
 }
 
+bool TessaloImpl::enterFetching() {
+    std::lock_guard<std::mutex> lock(stateMutex);
+    if (state != kStateRunning) return false;
+    state = kStateFetching;
+    return true;
+}
+
 void TessaloImpl::waitForIndex() {
     // The state is tested under wakeMutex before each sleep, and every
     // writer of kStateStopped signals afterwards under that mutex, so an end
@@ -268,10 +303,17 @@ void TessaloImpl::wakeWorker() {
 int TessaloImpl::onDemuxerPacket(int kind, DemuxerPacket* packet, void* user) {
     auto* self = static_cast<TessaloImpl*>(user);
     if (!self || !packet) return 1;
-    if (kind == kDemuxerPacketVideo) {
-        self->addVideoFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
-    } else if (kind == kDemuxerPacketAudio) {
-        self->addAudioFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
+    try {
+        if (kind == kDemuxerPacketVideo) {
+            self->addVideoFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
+        } else if (kind == kDemuxerPacketAudio) {
+            self->addAudioFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
+        }
+    } catch (const std::bad_alloc&) {
+        // The index cannot grow: the walk fails as after repeated read
+        // failures, and the reader pauses until the walk is stopped.
+        self->notifyHost(kHostEventError);
+        return 0;
     }
     return 1;
 }

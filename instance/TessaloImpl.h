@@ -10,7 +10,9 @@
 
 #include "api/tessalo.h"
 #include "base/BasePacket.h"
+#include "base/FFmpegHolders.h"
 #include "instance/FrameRecord.h"
+#include "instance/PictureOutput.h"
 #include "mux/TrackInfo.h"
 
 namespace Morvel_Tessalo {
@@ -18,21 +20,14 @@ namespace Morvel_Tessalo {
 class DemuxerBase;
 class DecoderBase;
 class FileEditer;
+class FetchPlan;
+class KeyProbe;
 struct DemuxerPacket;
 
 // Values of TessaloImpl::state.
 constexpr int32_t kStateRunning = 0;   // a worker has started: walk, or a fetch about to begin
 constexpr int32_t kStateFetching = 1;  // fetchPictures is feeding the decoder
 constexpr int32_t kStateStopped = 2;   // nothing runs, or the worker has been told to end
-
-// Size of the piece of the file that a picture fetch holds at once (20 MiB).
-constexpr int32_t kReadBufferSize = 0x1400000;
-
-// Turns the decoder's packed planar I420 block into the host's form in
-// `*outputPicture`; the block is made on first use and then reused.
-void convertPicture(const uint8_t* source, int32_t sourceSize, int32_t width, int32_t height,
-                    std::unique_ptr<uint8_t[]>* outputPicture, int32_t* outputPictureSize,
-                    int32_t outputFormat);
 
 // Fields are public on purpose: the exports, the picture path and the cut
 // engine read them in place, and nothing guards them but the order of events.
@@ -43,9 +38,14 @@ public:
     TessaloImpl(const TessaloImpl&) = delete;
     TessaloImpl& operator=(const TessaloImpl&) = delete;
 
-    // Requests of the host (TSL_StartPic, TSL_GetPicByPts).
+    // Requests of the host (TSL_StartPic, TSL_GetPicByPts). Both wait for the
+    // worker, so from inside one of this instance's callbacks they refuse
+    // at once with false: the thread they would wait for may be this one.
     bool startPic(const char* newPath);
     bool getPicByPts(const int64_t* pts, int32_t count);
+    // True on a thread that is inside a callback of this instance, where no
+    // export that waits for the library's threads may run.
+    bool insideCallback() const;
 
     // Worker thread.
     bool startWorker();
@@ -55,6 +55,9 @@ public:
     void readMediaInfo();
     void setState(int32_t value);
     bool isStopped();
+    // Running becomes fetching, and nothing else does: a stop that came
+    // first stays. False when the request has been given up.
+    bool enterFetching();
     void waitForIndex();
     void wakeWorker();
 
@@ -72,11 +75,13 @@ public:
     int32_t getPtsCountByKeyPts(int64_t keyPts);
     int32_t getPtsByKeyPts(int64_t keyPts, int64_t* out);
 
-    // Picture retrieval.
+    // Picture retrieval (worker thread).
     bool openDecoder(int32_t size, uint8_t* data);
     void locateStart();
     bool fetchPictures();
-    void receivePicture();
+    // One output of the decoder: 1 a picture came (delivered if asked), 2 the
+    // decoder failed, 0 nothing came.
+    int32_t receivePicture();
 
     // Sends one host event; no lock may be held by the caller.
     void notifyHost(int32_t event);
@@ -99,14 +104,14 @@ public:
     std::condition_variable wakeCondition;
     int32_t state = kStateStopped;
     int32_t outputFormat = 0;
-    int32_t runDelivered = 0;
-    int32_t keyDelivered = 0;
+    int32_t pictureFormat = 0;  // outputFormat as the current request began; the one its pictures take
+    size_t nextAsked = 0;       // index in askedPts of the first timestamp not yet answered
     bool keysOnly = false;
     bool firstDelivered = false;
-    bool allDelivered = false;
     std::unique_ptr<uint8_t[]> outputPicture;
     int32_t outputPictureSize = 0;
     VideoPacket picture;
+    ScalerHolder scaler;  // libswscale's context, kept from one picture to the next
     int64_t currentPts = -1;
     bool currentKey = false;
     TessaloMediaInfo mediaInfo{};
@@ -117,7 +122,22 @@ public:
     std::unique_ptr<uint8_t[]> annexBExtraData;
     VideoTrackInfo videoTrackInfo{};
     AudioTrackInfo audioTrackInfo{};
+    // Where the index's video and audio timelines start in the file, kept from
+    // the walk's demuxer for the cut engine (which keeps the source's sync).
+    IndexOrigins indexOrigins{};
     FileEditer* editor = nullptr;  // owned, made by the constructor
+
+private:
+    void runWorker();
+    void releaseWorkerObjects();
+    void planKeys(FetchPlan* plan, KeyProbe* probe);
+    void planRun(FetchPlan* plan, KeyProbe* probe);
+    void restartDecoder();
+    void drainDecoder();
+    void answerPicture();
+    void reportMissing();
+    void deliver();
+    void finish();
 };
 
 }  // namespace Morvel_Tessalo

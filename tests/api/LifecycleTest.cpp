@@ -93,6 +93,59 @@ TEST(Create, ManyInstancesComeAndGoAndDestructionEndsEveryThread) {
     }
 }
 
+// A host that, inside every callback, calls the three exports that wait for
+// the library's threads: each would wait for the thread it runs on (or for
+// one that waits for it), so each refuses at once and changes nothing.
+struct ReentrantHost {
+    static int32_t callback(void* user, int32_t event) {
+        auto* self = static_cast<ReentrantHost*>(user);
+        const int64_t key = 0;
+        const bool accepted = TSL_GetPicByPts(self->handle, &key, 1) || TSL_StartPic(self->handle, self->path.c_str());
+        TSL_DestoryTessalo(self->handle);
+        if (accepted) self->accepted.record(event);
+        self->all.record(event);
+        self->events.record(event);
+        return 0;
+    }
+    std::string path = tsltest::media("main.mp4");
+    tsltest::EventRecorder events, accepted, all;
+    void* handle = TSL_CreateTessalo(this, &ReentrantHost::callback);
+};
+
+TEST(Reentrancy, WaitingExportsRefuseFromInsideEveryCallback) {
+    ReentrantHost host;
+    const auto finished = [&](std::initializer_list<int32_t> ends) { return host.events.waitForAny(ends) >= 0; };
+    ASSERT_TRUE(TSL_StartPic(host.handle, "/nonexistent/reentrant.mp4"));
+    ASSERT_TRUE(finished({kHostEventFileError}));
+    host.events.clear();
+    ASSERT_TRUE(TSL_StartPic(host.handle, host.path.c_str()));
+    ASSERT_TRUE(finished({kHostEventIndexReady}));
+    const int64_t key = 0, unknown[2] = {-5, -6};
+    host.events.clear();
+    ASSERT_TRUE(TSL_GetPicByPts(host.handle, &key, 1));  // PicStart, PicReady, PicDone
+    ASSERT_TRUE(finished({kHostEventPicDone}));
+    host.events.clear();
+    ASSERT_TRUE(TSL_GetPicByPts(host.handle, unknown, 2));  // DecodeError for each, NoPic, PicDone
+    ASSERT_TRUE(finished({kHostEventPicDone}));
+    const std::string out = tsltest::scratchDir() + "/cut.mp4";
+    const EditRange range{0, 1000};
+    host.events.clear();
+    ASSERT_TRUE(TSL_CutFile(host.handle, host.path.c_str(), out.c_str(), &range, 1, nullptr, 0, kCutKindMp4));
+    ASSERT_TRUE(finished({kHostEventCutDone, kHostEventCutFailed}));
+    TSL_CancelFile(host.handle);
+    EXPECT_EQ(host.accepted.events(), std::vector<int32_t>{}) << "a waiting export was accepted in a callback";
+    for (int32_t event : {kHostEventFileError, kHostEventMediaInfo, kHostEventIndexReady, kHostEventPicStart,
+                          kHostEventPicReady, kHostEventDecodeError, kHostEventNoPic, kHostEventPicDone,
+                          kHostEventCutDone})
+        EXPECT_GT(host.all.count(event), 0u) << "no callback of event " << event;
+    // The instance lived through every refused destruction and still serves.
+    host.events.clear();
+    ASSERT_TRUE(TSL_GetPicByPts(host.handle, &key, 1));
+    ASSERT_TRUE(finished({kHostEventPicDone}));
+    EXPECT_EQ(host.events.events(), (std::vector<int32_t>{kHostEventPicStart, kHostEventPicReady, kHostEventPicDone}));
+    TSL_DestoryTessalo(host.handle);
+}
+
 TEST(SharedObject, ExportsExactlyTheSixteenFunctions) {
     int status = 0;
     const std::string symbols = tsltest::run("nm -D --defined-only " +

@@ -54,7 +54,6 @@ TEST_F(HostWalk, RefusalsGiveOneEventNoIndexAndLeaveTheInstanceUsable) {
         {tsltest::media("hevc.mp4"), kHostEventBadCodec},
         {tsltest::media("mpeg4.mp4"), kHostEventBadCodec},
         {tsltest::media("mp3audio.mp4"), kHostEventBadCodec},
-        {tsltest::media("coverart.mp4"), kHostEventBadCodec},  // the cover is a PNG video stream with a size
         {aacMp3, kHostEventBadCodec},
         {tsltest::media("aac22050.mp4"), kHostEventBadSampleRate},
         {ts, kHostEventBadSampleRate},
@@ -101,7 +100,7 @@ TEST_F(HostWalk, MediaInformationAndIndexEqualFfprobe) {
         EXPECT_EQ(info.sampleRate, number(audio, "sample_rate", -1));
         EXPECT_EQ(info.channels, number(audio, "channels"));
         EXPECT_EQ(info.audioBitRate, number(audio, "bit_rate"));
-        EXPECT_TRUE(info.videoCodec == 0 && info.audioCodec == 1 && info.reserved == 0);
+        EXPECT_TRUE(info.videoCodec == 0 && info.audioCodec == 1 && info.rotation == 0);
 
         // No fixture has two groups with the same lowest timestamp: each key answers its own group.
         ASSERT_EQ(keyPts(), truth.keyPts());
@@ -114,6 +113,33 @@ TEST_F(HostWalk, MediaInformationAndIndexEqualFfprobe) {
             EXPECT_EQ(pts, group) << "key " << group.front();
         }
         EXPECT_EQ(TSL_GetPtsCountByKeyPts(handle, -12345), 0);
+    }
+}
+
+// Shapes of other producers, against ffprobe: a phone's display matrix (which
+// ffprobe reads as counter-clockwise degrees), a variable rate whose nominal
+// rate is the 1/90000 time base, and a cover picture beside the video, left out.
+TEST_F(HostWalk, RotationRateAndCoverArtInTheMediaInformation) {
+    const struct { const char* name; int32_t rotation; bool rateIsTimeBase; } cases[] = {
+        {"rotated90.mp4", 90, false}, {"vfr.mp4", 0, true}, {"coverart.mp4", 0, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string file = tsltest::media(c.name);
+        const nlohmann::json video = tsltest::ffprobe(file)["streams"][0];
+        const nlohmann::json side = video.value("side_data_list", nlohmann::json::array());
+        const int64_t counterClockwise = side.empty() ? 0 : number(side[0], "rotation");
+        const auto [num, den] = tsltest::fraction(video, "r_frame_rate");
+        const auto [avgNum, avgDen] = tsltest::fraction(video, "avg_frame_rate");
+        ASSERT_EQ(num == 90000 && den == 1, c.rateIsTimeBase);
+        events.clear();
+        ASSERT_EQ(walk(file), kHostEventIndexReady);
+        TessaloMediaInfo info;
+        TSL_GetMediaInfo(handle, &info);
+        EXPECT_EQ(info.rotation, c.rotation);
+        EXPECT_EQ(info.rotation, (360 - counterClockwise) % 360);
+        EXPECT_EQ(info.frameRate, c.rateIsTimeBase ? avgNum / avgDen : num / den);
+        EXPECT_EQ(info.width, number(video, "width"));
+        EXPECT_EQ(keyPts(), tsltest::probeIndex(file).keyPts());
     }
 }
 

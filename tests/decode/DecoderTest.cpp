@@ -116,6 +116,43 @@ TEST(SoftMediaDecoderImpl, PacksPlanesIntoOneBlock) {
     EXPECT_EQ(d.outputData(&packet), 2);
 }
 
+// Other layouts pack whole (chroma of an odd width rounded up), with what the
+// output step needs to read them; full range travels beside the format, and
+// a layout no output step could read is a failure, not a wrong picture.
+TEST(SoftMediaDecoderImpl, PacksOtherLayoutsAndSaysWhatTheyAre) {
+    SoftMediaDecoderImpl d(kMediaKindVideo);
+    auto* codec = new ScriptedCodec;
+    delete std::exchange(d.codec, codec);
+    VideoPacket packet;
+    // 4:2:2, 10 bits, 5 x 3: rows of 10 and 6 bytes, chroma three columns wide.
+    codec->shape(10, 3, 4);  // luma: 3 rows of 10 bytes, 5 two-byte samples each
+    for (int p = 1; p < 3; ++p) {  // chroma: 3 rows of 6 bytes, stride 8
+        codec->planes[p].assign(24, 0xEE);
+        for (int i = 0; i < 18; ++i) codec->planes[p][i / 6 * 8 + i % 6] = static_cast<uint8_t>(p * 0x50 + i);
+        codec->info.planes[p] = codec->planes[p].data();
+        codec->info.strides[p] = 8;
+    }
+    codec->info.width = 5;
+    codec->info.pixelFormat = AV_PIX_FMT_YUV422P10LE;
+    codec->info.colorSpace = AVCOL_SPC_BT709;
+    ASSERT_EQ(d.outputData(&packet), 1);
+    const PictureLayout& l = packet.layout;
+    EXPECT_TRUE(l.pixelFormat == AV_PIX_FMT_YUV422P10LE && l.bitDepth == 10 && l.planeCount == 3 && !l.fullRange &&
+                l.matrix == AVCOL_SPC_BT709);
+    EXPECT_EQ(std::vector<int32_t>(l.strides, l.strides + 3), (std::vector<int32_t>{10, 6, 6}));
+    EXPECT_EQ(std::vector<int32_t>(l.offsets, l.offsets + 3), (std::vector<int32_t>{0, 30, 48}));
+    ASSERT_EQ(packet.size, 66u);
+    EXPECT_EQ(packet.data[36], 0x50 + 6) << "second chroma row, without the stride's tail";
+    EXPECT_EQ(packet.data[65], 0xA0 + 17) << "last byte of the last plane";
+    // 8-bit 4:2:0 in full range: the I420 block of old, its range told apart.
+    codec->shape(6, 4, 0);
+    codec->info.pixelFormat = AV_PIX_FMT_YUVJ420P;
+    ASSERT_EQ(d.outputData(&packet), 1);
+    EXPECT_TRUE(packet.layout.pixelFormat == AV_PIX_FMT_YUV420P && packet.layout.fullRange && packet.size == 36u);
+    codec->info.pixelFormat = AV_PIX_FMT_RGB24;
+    EXPECT_EQ(d.outputData(&packet), 2);
+}
+
 // Real AAC frames come out as interleaved 16-bit stereo, equal to ffmpeg's own conversion.
 TEST(SoftMediaDecoderImpl, AudioIsConvertedToInterleavedStereo) {
     AVFormatContext* fmt = nullptr;

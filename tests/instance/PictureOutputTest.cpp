@@ -7,13 +7,16 @@
 #include <memory>
 #include <vector>
 
-#include "instance/TessaloImpl.h"
+#include <cstring>
+
+#include "instance/PictureOutput.h"
 
 extern "C" {
+#include <libavutil/mem.h>
 #include <libavutil/pixfmt.h>
 }
 
-using Morvel_Tessalo::convertPicture;
+using namespace Morvel_Tessalo;
 
 namespace {
 
@@ -30,8 +33,18 @@ std::vector<uint8_t> packed(int w, int h, uint8_t y) {
 struct Output {
     std::unique_ptr<uint8_t[]> block;
     int32_t size = 0;
+    ScalerHolder scaler;
+    // The bytes as the decoder's packed 8-bit 4:2:0 picture of w x h.
     void convert(const std::vector<uint8_t>& src, int w, int h, int32_t format) {
-        convertPicture(src.data(), static_cast<int32_t>(src.size()), w, h, &block, &size, format);
+        VideoPacket picture;
+        picture.data = static_cast<uint8_t*>(av_malloc(src.size()));
+        picture.size = static_cast<uint32_t>(src.size());
+        std::memcpy(picture.data, src.data(), src.size());
+        picture.width = w;
+        picture.height = h;
+        picture.layout = PictureLayout{AV_PIX_FMT_YUV420P, 8, 3, {0, w * h, w * h + (w >> 1) * (h >> 1)},
+                                       {w, w >> 1, w >> 1}, AVCOL_SPC_UNSPECIFIED, false};
+        convertPicture(picture, &scaler, &block, &size, format);
     }
 };
 

@@ -44,6 +44,59 @@ make twovideo.mp4 ff $(video) $(video 160x120) $(tone 44100) -map 0:v -map 1:v -
 [ -s cover.png ] || ff -f lavfi -i color=c=green:size=64x64 -frames:v 1 cover.png
 make coverart.mp4 ff -i main.mp4 -i cover.png -map 0 -map 1 -c copy -c:v:1 png -disposition:v:1 attached_pic
 
+# Picture layouts, colour and stream shapes of other encoders and muxers: every
+# picture of these is held against ffmpeg's decode. Small and short.
+small="-f lavfi -i testsrc2=size=160x120:rate=25:duration=2"
+x264small="-c:v libx264 -preset veryfast -bf 2 -g 25 -keyint_min 25 -sc_threshold 0"
+for fmt in yuv420p10le yuv422p yuv422p10le yuv444p gray yuvj420p; do
+  make "$fmt.mp4" ff $small $x264small -pix_fmt "$fmt"
+done
+# 4:4:4 10-bit as GStreamer's x264enc chooses it, through its mp4mux.
+gst444() {
+  gst-launch-1.0 -q videotestsrc num-buffers=50 pattern=smpte horizontal-speed=3 \
+    ! video/x-raw,format=Y444_10LE,width=160,height=120,framerate=25/1 \
+    ! x264enc key-int-max=25 bframes=2 speed-preset=veryfast ! mp4mux ! filesink location="$1"
+}
+make yuv444p10le.mp4 gst444
+# BT.709 720p, one second.
+make bt709_720p.mp4 ff -f lavfi -i testsrc2=size=1280x720:rate=25:duration=1 -vf scale=out_color_matrix=bt709 \
+  -colorspace bt709 -color_primaries bt709 -color_trc bt709 $x264small -pix_fmt yuv420p
+# Open GOP: the B-frames before each later key picture follow it in the stream
+# and refer to the group before. Six groups, so that a request can skip some.
+make opengop.mp4 ff -f lavfi -i testsrc2=size=160x120:rate=25:duration=5 -c:v libx264 -preset veryfast -pix_fmt yuv420p \
+  -x264-params open-gop=1:bframes=3:b-adapt=0:keyint=24:min-keyint=24:scenecut=0
+# Intra refresh: no IDR after the first picture; the sync samples are recovery points.
+make intrarefresh.mp4 ff -f lavfi -i testsrc2=size=160x120:rate=25:duration=3 -c:v libx264 -preset veryfast \
+  -bf 2 -g 25 -intra-refresh 1 -pix_fmt yuv420p
+# A last group of two pictures, fewer than the decoder holds back.
+make shortlast.mp4 ff $small $x264small -pix_fmt yuv420p -force_key_frames "expr:eq(n,0)+eq(n,25)+eq(n,48)"
+# Red above blue, turned a quarter clockwise for display: the track header's
+# matrix as a phone writes it (0 1 / -1 0, moved right by the stored height).
+rotated() {
+  ff -f lavfi -i "color=c=red:size=160x60:rate=25:duration=2[t];color=c=blue:size=160x60:rate=25:duration=2[b];[t][b]vstack" \
+    $x264small -pix_fmt yuv420p "$1"
+  local at
+  at=$(grep -obUa tkhd "$1" | head -1 | cut -d: -f1)
+  printf '\x00\x00\x00\x00\x00\x01\x00\x00\x00\x00\x00\x00\xff\xff\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x78\x00\x00\x00\x00\x00\x00\x40\x00\x00\x00' |
+    dd of="$1" bs=1 seek=$((at + 44)) conv=notrunc status=none
+}
+make rotated90.mp4 rotated
+# Variable frame rate: irregular timestamps at 1/90000, so that FFmpeg's
+# nominal rate is the time base.
+make vfr.mp4 ff $small -vf "settb=1/90000,setpts='if(eq(N,0),0,PREV_OUTPTS+(0.021+0.05*random(0))/TB)'" \
+  -fps_mode vfr -enc_time_base 1/90000 -video_track_timescale 90000 $x264small -pix_fmt yuv420p
+# Colour bars made in RGB (75% white, yellow, cyan, green, magenta, red, blue,
+# black) and turned into YUV with a known matrix and range.
+bars="color=c=0xBFBFBF:s=20x120:d=1,format=rgb24[c0];color=c=0xBFBF00:s=20x120:d=1,format=rgb24[c1];\
+color=c=0x00BFBF:s=20x120:d=1,format=rgb24[c2];color=c=0x00BF00:s=20x120:d=1,format=rgb24[c3];\
+color=c=0xBF00BF:s=20x120:d=1,format=rgb24[c4];color=c=0xBF0000:s=20x120:d=1,format=rgb24[c5];\
+color=c=0x0000BF:s=20x120:d=1,format=rgb24[c6];color=c=0x000000:s=20x120:d=1,format=rgb24[c7];\
+[c0][c1][c2][c3][c4][c5][c6][c7]hstack=inputs=8"
+make bars709.mp4 ff -f lavfi -i "$bars,scale=out_color_matrix=bt709:out_range=tv,format=yuv420p" \
+  -colorspace bt709 -color_primaries bt709 -color_trc bt709 -color_range tv -c:v libx264 -preset veryfast -qp 0
+make barsfull.mp4 ff -f lavfi -i "$bars,scale=out_color_matrix=bt601:out_range=pc,format=yuvj420p" \
+  -colorspace smpte170m -color_range pc -c:v libx264 -preset veryfast -qp 0
+
 # Refusals.
 # HEVC video.
 make hevc.mp4 ff $(video) $(tone 44100) -c:v libx265 -x265-params log-level=error -tag:v hvc1 -c:a aac -shortest
@@ -96,9 +149,6 @@ make tables_gst.mov gst qtmux
 # Not MP4 at all: MPEG-TS (video only: AAC in MPEG-TS has a 90 kHz time base and is refused).
 make tables_ts.ts ff -i noaudio.mp4 -c copy
 
-# Python package: a phone-style display rotation. The track header's matrix
-# turns the stored 64x48 picture 90 degrees clockwise for display.
-make rotated90.mp4 ff -i tiny.mp4 -c copy -metadata:s:v:0 rotate=-90
 
 # A/V sync: the picture flashes white and the audio starts a 1 kHz beep at every whole second, so a cut's
 # sync can be measured on what a player shows. Groups of 37 pictures keep the key frames off the whole

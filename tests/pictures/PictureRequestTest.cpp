@@ -6,81 +6,12 @@
 #include <filesystem>
 #include <fstream>
 
+#include "pictures/PictureHost.h"
 #include "support/ProbeIndex.h"
-#include "tessalo.h"
 
 namespace {
 
-using Events = std::vector<int32_t>;
-const Events kOnePicture{kHostEventPicStart, kHostEventPicReady, kHostEventPicDone};
-constexpr std::chrono::seconds kWait{60};
-
-struct Picture {
-    int64_t pts = 0;
-    uint8_t key = 0;
-    std::vector<uint8_t> bytes;
-};
-
-// Indexes a file through the exports and, inside each kHostEventPicReady,
-// takes the picture as a real host would.
-class Host {
-public:
-    Host() : handle(TSL_CreateTessalo(this, &Host::callback)) {}
-    ~Host() { TSL_DestoryTessalo(handle); }
-    bool index(const std::string& path) {
-        events.clear();
-        return TSL_StartPic(handle, path.c_str()) &&
-               events.waitForAny({kHostEventIndexReady, kHostEventFileError, kHostEventError}, kWait) ==
-                   kHostEventIndexReady;
-    }
-    bool send(const std::vector<int64_t>& pts) {
-        return TSL_GetPicByPts(handle, pts.data(), static_cast<int32_t>(pts.size()));
-    }
-    // Sends a request and waits for its end: its events, from PicStart on.
-    Events request(const std::vector<int64_t>& pts) {
-        events.clear();
-        pictures.clear();
-        if (!send(pts)) return {};
-        events.waitForAny({kHostEventPicDone, kHostEventError, kHostEventFileError}, kWait);
-        return events.events();
-    }
-    std::vector<int64_t> keyPts() {
-        std::vector<int64_t> out(std::max(TSL_GetKeyPtsCount(handle), 0));
-        out.resize(std::max(TSL_GetKeyPts(handle, out.data()), 0));
-        return out;
-    }
-    std::vector<int64_t> groupPts(int64_t key) {
-        std::vector<int64_t> out(std::max(TSL_GetPtsCountByKeyPts(handle, key), 0));
-        out.resize(std::max(TSL_GetPtsByKeyPts(handle, key, out.data()), 0));
-        return out;
-    }
-    // Every timestamp of the file in presentation order, group after group.
-    std::vector<int64_t> allPts() {
-        std::vector<int64_t> all;
-        for (int64_t key : keyPts())
-            for (int64_t pts : groupPts(key)) all.push_back(pts);
-        return all;
-    }
-
-    void* handle;
-    tsltest::EventRecorder events;
-    std::vector<Picture> pictures;  // filled before each event is recorded; read once a request has ended
-
-private:
-    static int32_t callback(void* user, int32_t event) {
-        auto* self = static_cast<Host*>(user);
-        if (event == kHostEventPicReady) {
-            Picture pic;
-            pic.bytes.resize(std::max(TSL_GetOnePicSize(self->handle), 0));
-            EXPECT_EQ(pic.bytes.empty() ? 0 : TSL_GetPic(self->handle, pic.bytes.data(), &pic.pts, &pic.key),
-                      static_cast<int32_t>(pic.bytes.size()));
-            EXPECT_EQ(TSL_GetPicPts(self->handle), pic.pts);
-            self->pictures.push_back(std::move(pic));
-        }
-        self->events.record(event);
-        return 0;
-    }
-};
+using namespace pictest;
 
 // Asks for `asked` and expects PicDone after the pictures ffmpeg decodes at
 // the places of `asked` in `all`, in order; returns how many came.
@@ -124,30 +55,51 @@ TEST(PictureRequests, MainFile) {
     std::vector<int64_t> run = host.groupPts(keys[1]), next = host.groupPts(keys[2]);
     run.insert(run.end(), next.begin(), next.end());
     EXPECT_EQ(expectLikeFfmpeg(host, run, all, allMd5), run.size());
-    // The last group: nothing flushes the decoder, so the pictures it still holds never come.
+    // The last group: the decoder is drained once the samples run out.
     const std::vector<int64_t> last = host.groupPts(keys.back());
-    const size_t delivered = expectLikeFfmpeg(host, last, all, allMd5);
-    EXPECT_TRUE(delivered > 0 && delivered < last.size()) << delivered;
+    EXPECT_EQ(expectLikeFfmpeg(host, last, all, allMd5), last.size());
     // A timestamp that is no key sample's, asked alone; the next request is served.
     EXPECT_EQ(host.request({all[1]}), (Events{kHostEventPicStart, kHostEventError}));
     EXPECT_EQ(host.request({-5}), (Events{kHostEventPicStart, kHostEventError}));
     EXPECT_EQ(host.request({keys[0]}), kOnePicture);
     EXPECT_FALSE(TSL_GetPicByPts(host.handle, keys.data(), 0)) << "a count below 1";
-    for (int round = 0; round < 3; ++round) {
+}
+
+// A long key-mode request (every key of a file of 600 groups) given up at once
+// by another request, many times: the stop may come before the worker began,
+// while it plans, or between samples, and is never lost. The first request
+// delivers at most the picture that was on its way when the stop came, ends
+// with NoPic exactly when it delivered nothing, then PicDone; the second
+// follows whole. A format set while the first runs changes neither.
+TEST(PictureRequests, AStopRacingTheStartIsNeverLost) {
+    constexpr int32_t kStopSent = -100;  // marks, among the events, when the second request was made
+    Host host;
+    ASSERT_TRUE(host.index(tsltest::longWalkFile()));
+    const std::vector<int64_t> keys = host.keyPts();
+    ASSERT_EQ(keys.size(), 600u);
+    for (int round = 0; round < 60; ++round) {
+        SCOPED_TRACE(round);
         host.events.clear();
-        ASSERT_TRUE(host.send(all) && host.send({keys[1]}));
+        ASSERT_TRUE(host.send(keys));
+        TSL_SetOutputPicFormat(host.handle, kPicFormatBgr24);  // too late for this request, and ignored
+        host.events.record(kStopSent);
+        ASSERT_TRUE(host.send({keys[1]}));
         ASSERT_TRUE(host.events.waitFor(kHostEventPicDone, 2, kWait));
-        // The first request: PicStart ... [NoPic] PicDone, NoPic only when
-        // nothing came, and a stop before the worker began skips even its
-        // PicStart. Then the second request whole.
-        const Events seen = host.events.events();
-        const auto firstDone = std::find(seen.begin(), seen.end(), kHostEventPicDone) + 1;
-        const Events first(seen.begin(), firstDone), second(firstDone, seen.end());
+        Events seen = host.events.events();
+        const auto marker = std::find(seen.begin(), seen.end(), kStopSent);
+        const auto firstDone = std::find(seen.begin(), seen.end(), kHostEventPicDone);
+        ASSERT_TRUE(marker < firstDone);
+        EXPECT_LE(std::count(marker, firstDone, kHostEventPicReady), 1) << "pictures after the stop";
+        seen.erase(marker);
+        const auto split = std::find(seen.begin(), seen.end(), kHostEventPicDone) + 1;
+        const Events first(seen.begin(), split), second(split, seen.end());
         const bool none = std::count(first.begin(), first.end(), kHostEventPicReady) == 0;
+        // A stop before the worker began skips even its PicStart.
         EXPECT_TRUE(first[0] == kHostEventPicStart || first[0] == kHostEventNoPic) << first[0];
         EXPECT_EQ(std::count(first.begin(), first.end(), kHostEventNoPic), none ? 1 : 0);
         EXPECT_TRUE(!none || (first.size() >= 2 && first.end()[-2] == kHostEventNoPic));
         EXPECT_EQ(second, kOnePicture);
+        for (const Picture& p : host.pictures) EXPECT_EQ(p.bytes.size(), 64u * 48 * 3 / 2) << "still I420";
     }
 }
 

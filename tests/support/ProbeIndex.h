@@ -53,7 +53,7 @@ struct ProbeIndex {
 inline ProbeIndex probeIndex(const std::string& file) {
     ProbeIndex index;
     int status = 0;
-    const std::string streamsJson = run("ffprobe -v error -show_entries stream=index,codec_type,time_base -of json " +
+    const std::string streamsJson = run("ffprobe -v error -show_entries stream=index,codec_type,time_base:stream_disposition=attached_pic -of json " +
                                         shellQuote(file), &status);
     if (status != 0) return index;
     const std::string packetsJson = run("ffprobe -v error -show_entries "
@@ -68,6 +68,8 @@ inline ProbeIndex probeIndex(const std::string& file) {
     for (const auto& s : streams["streams"]) {
         const int id = s["index"].get<int>();
         kind[id] = s["codec_type"].get<std::string>();
+        // A cover picture is no video stream of the index.
+        if (s.value("disposition", nlohmann::json::object()).value("attached_pic", 0) == 1) kind[id] = "cover";
         timeBase[id] = fraction(s, "time_base");
         if (firstAudio < 0 && kind[id] == "audio") firstAudio = id;
     }

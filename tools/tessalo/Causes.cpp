@@ -23,7 +23,7 @@ namespace {
 struct Track {
     AVMediaType type;
     AVCodecID codec;
-    bool cover;  // an attached picture, not a video track
+    bool cover;  // an attached picture, which the library leaves out
     int sampleRate;
     int channels;
 };
@@ -130,10 +130,6 @@ std::string refusalCause(int32_t event, const std::string& path) {
                     return "audio codec " + codecName(t.codec) + " is not supported: AAC only";
             const std::string video = badVideo(f);
             if (!video.empty()) return video;
-            // The library looks at every video stream, a cover picture too.
-            for (const Track& t : f.tracks)
-                if (t.type == AVMEDIA_TYPE_VIDEO && t.cover && t.codec != AV_CODEC_ID_H264)
-                    return "video codec " + codecName(t.codec) + " (an attached cover picture) is not supported: H.264 only";
             return event == kHostEventNoVideo ? "no usable H.264 video stream in " + path
                                               : "a stream of " + path + " has a codec that is not supported: H.264 video and AAC audio only";
         }

@@ -107,11 +107,18 @@ std::string pictureTrouble(const PictureRun& run, const std::string& path) {
     }
 }
 
+// A delivered picture as it is meant to be seen: the library hands pictures
+// over as stored, and the stream's display rotation turns them upright.
+Image upright(const TessaloMediaInfo& info, const Picture& picture) {
+    return rotateClockwise(fromBottomUpBgr(picture.bytes, info.width, info.height), info.rotation);
+}
+
 json mediaJson(const TessaloMediaInfo& info) {
     json video = {{"codec", info.videoCodec == 0 ? "h264" : "unknown"},
                   {"width", info.width},
                   {"height", info.height},
                   {"frameRate", info.frameRate},
+                  {"rotation", info.rotation},
                   {"bitRate", info.videoBitRate}};
     json audio = nullptr;
     if (info.sampleRate > 0)
@@ -148,7 +155,9 @@ int runInfo(const Settings& s, const std::string& file, std::ostream& out) {
     const int channels = info.channels & 0xFFFF;
     out << "file           " << file << "\n"
         << "video          H.264 " << info.width << "x" << info.height << ", " << info.frameRate << " fps, "
-        << info.videoBitRate / 1000 << " kb/s\n";
+        << info.videoBitRate / 1000 << " kb/s\n"
+        << "rotation       " << info.rotation << " degrees clockwise"
+        << (info.rotation ? " (pictures are stored turned; thumbs and frames are written upright)" : "") << "\n";
     if (info.sampleRate > 0)
         out << "audio          AAC " << info.sampleRate << " Hz, " << channels << " channel" << (channels == 1 ? "" : "s")
             << ", " << info.audioBitRate / 1000 << " kb/s\n";
@@ -216,7 +225,7 @@ int runThumbs(const Settings& s, const std::string& file, const ThumbOptions& o,
     Progress progress(ix.keys.size(), "key pictures");
     // One key-mode request: all key timestamps in order, one picture a group.
     const PictureRun run = ix.session.pictures(ix.keys, kPicFormatBgr24, [&](const Picture& picture) {
-        const Image image = fromBottomUpBgr(picture.bytes, ix.info.width, ix.info.height);
+        const Image image = upright(ix.info, picture);
         writePng(joinPath(o.dir, pictureName("key", picture.pts)), image);
         thumbs.emplace_back(picture.pts, shrinkToWidth(image, o.thumbWidth));
         progress.step(thumbs.size());
@@ -257,8 +266,7 @@ int runFrames(const Settings& s, const std::string& file, int64_t key, const std
     Progress progress(pts.size(), "pictures");
     // One run-mode request: the group's own timestamps, every picture in turn.
     const PictureRun run = ix.session.pictures(pts, kPicFormatBgr24, [&](const Picture& picture) {
-        writePng(joinPath(dir, pictureName("frame", picture.pts)),
-                 fromBottomUpBgr(picture.bytes, ix.info.width, ix.info.height));
+        writePng(joinPath(dir, pictureName("frame", picture.pts)), upright(ix.info, picture));
         delivered.insert(picture.pts);
         progress.step(++written);
     });

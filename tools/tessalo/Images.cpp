@@ -32,6 +32,22 @@ Image fromBottomUpBgr(const std::vector<uint8_t>& bgr, int width, int height) {
     return image;
 }
 
+Image rotateClockwise(const Image& source, int degrees) {
+    if (degrees != 90 && degrees != 180 && degrees != 270) return source;
+    const bool quarter = degrees != 180;
+    Image out{quarter ? source.height : source.width, quarter ? source.width : source.height,
+              std::vector<uint8_t>(source.rgb.size())};
+    for (int y = 0; y < source.height; ++y)
+        for (int x = 0; x < source.width; ++x) {
+            // Where the pixel at x, y of the stored picture lands.
+            const int tx = degrees == 90 ? source.height - 1 - y : degrees == 180 ? source.width - 1 - x : y;
+            const int ty = degrees == 90 ? x : degrees == 180 ? source.height - 1 - y : source.width - 1 - x;
+            std::memcpy(&out.rgb[(static_cast<size_t>(ty) * out.width + tx) * 3],
+                        &source.rgb[(static_cast<size_t>(y) * source.width + x) * 3], 3);
+        }
+    return out;
+}
+
 Image shrinkToWidth(const Image& source, int width) {
     if (width >= source.width || width <= 0) return source;
     const int height = std::max(1, static_cast<int>(static_cast<int64_t>(source.height) * width / source.width));

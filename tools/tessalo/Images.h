@@ -16,6 +16,10 @@ struct Image {
 // Throws std::runtime_error when the block does not hold width x height pixels.
 Image fromBottomUpBgr(const std::vector<uint8_t>& bgr, int width, int height);
 
+// The picture turned clockwise by `degrees` (0, 90, 180 or 270; any other
+// value gives it back unchanged): how a stream's display rotation makes it upright.
+Image rotateClockwise(const Image& source, int degrees);
+
 // Area-averaged reduction to `width` pixels across, height in proportion
 // (at least 1). Never enlarges.
 Image shrinkToWidth(const Image& source, int width);

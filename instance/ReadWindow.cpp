@@ -1,0 +1,83 @@
+#include "instance/ReadWindow.h"
+
+#include <climits>
+#include <cstring>
+
+namespace Morvel_Tessalo {
+
+namespace {
+
+// The largest single move; one below the 32-bit maximum.
+constexpr int64_t kMoveStep = 0x7FFFFFFE;
+
+}  // namespace
+
+bool moveTo(PlatformFile file, int64_t position) {
+    MoveFrom from = MoveFrom::Begin;
+    for (int64_t remaining = position; remaining > 0; remaining -= kMoveStep) {
+        int32_t step = static_cast<int32_t>(remaining < kMoveStep ? remaining : kMoveStep);
+        if (!moveFilePointer(file, step, from)) return false;
+        from = MoveFrom::Current;
+    }
+    // A position of 0 makes no move above: the start has to be asked for.
+    return position > 0 || moveFilePointer(file, 0, MoveFrom::Begin);
+}
+
+bool readAt(PlatformFile file, int64_t position, uint8_t* into, uint32_t size) {
+    if (position < 0 || !moveTo(file, position)) return false;
+    uint32_t done = 0;
+    while (done < size) {
+        uint32_t got = 0;
+        if (!readFile(file, into + done, size - done, &got) || got == 0) return false;
+        done += got;
+    }
+    return true;
+}
+
+bool ReadWindow::fill(int64_t position) {
+    uint32_t got = 0;
+    if (position < 0 || !moveTo(file, position) || !readFile(file, buffer, kReadBufferSize, &got) || got == 0)
+        return false;
+    bufferBytes = static_cast<int32_t>(got);
+    bufferEnd = position + bufferBytes;
+    sampleOffset = 0;
+    return true;
+}
+
+bool ReadWindow::bring(int64_t position, int32_t size) {
+    // A position of -1 (none known), a negative size or a sample longer
+    // than the whole buffer cannot be held: the walk ends there rather
+    // than feed bytes that are not the sample's.
+    if (position < 0 || size < 0 || size > kReadBufferSize) return false;
+    int32_t tail = 0;
+    const int64_t bufferStart = bufferEnd - bufferBytes;
+    if (position > bufferEnd) {
+        const int64_t gap = position - bufferEnd;
+        if (gap <= INT32_MAX) {
+            if (!moveFilePointer(file, static_cast<int32_t>(gap), MoveFrom::Current)) return false;
+        } else if (!moveTo(file, position)) {
+            // A gap past one 32-bit move: position absolutely, in steps.
+            return false;
+        }
+    } else if (position < bufferStart) {
+        // Samples lie at ascending positions; one that does not is read
+        // again from its own place instead of from before the buffer.
+        if (!moveTo(file, position)) return false;
+    } else if (position + size > bufferEnd) {
+        tail = static_cast<int32_t>(bufferEnd - position);
+        std::memmove(buffer, buffer + (bufferBytes - tail), static_cast<size_t>(tail));
+    } else {
+        sampleOffset = static_cast<int32_t>(position - bufferStart);
+        return true;
+    }
+    sampleOffset = 0;
+    uint32_t got = 0;
+    if (!readFile(file, buffer + tail, static_cast<uint32_t>(kReadBufferSize - tail), &got) || got == 0)
+        return false;
+    bufferBytes = tail + static_cast<int32_t>(got);
+    bufferEnd = position + bufferBytes;
+    // The file ended inside the sample.
+    return size <= bufferBytes;
+}
+
+}  // namespace Morvel_Tessalo
