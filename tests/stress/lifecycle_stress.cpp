@@ -20,6 +20,7 @@ namespace {
 // Host-side marks in an instance's log, beside its events.
 constexpr int32_t kMarkCancelReturned = -100;
 constexpr int32_t kMarkCutStarted = -101;
+constexpr int32_t kMarkCutReturned = -102;
 
 std::atomic<long> gProgress{0};
 std::atomic<int> gFailures{0};
@@ -59,7 +60,10 @@ int32_t onEvent(void* user, int32_t event) {
 
 // The order rules over one instance's complete log; returns the first rule broken, or null.
 const char* brokenRule(const std::vector<int32_t>& log) {
-    bool inRequest = false, cancelled = false;
+    bool inRequest = false, cancelled = false, insideCutCall = false;
+    // While TSL_CutFile runs it ends the earlier job, whose CutDone may come then if that job had just
+    // finished: one such CutDone belongs to the earlier job, if it was still open, not to the new one.
+    bool jobOpen = false, earlierJobOpen = false;
     int cutDone = 0;
     for (size_t i = 0; i < log.size(); ++i) {
         const int32_t e = log[i];
@@ -71,12 +75,21 @@ const char* brokenRule(const std::vector<int32_t>& log) {
         if (e == kHostEventPicDone && !inRequest && (i == 0 || log[i - 1] != kHostEventNoPic))
             return "PicDone without PicStart or NoPic";
         if (e == kHostEventCutDone && cancelled) return "CutDone after TSL_CancelFile returned";
+        if (e == kHostEventCutDone && insideCutCall && earlierJobOpen) {
+            earlierJobOpen = false;
+            continue;
+        }
         if (e == kHostEventCutDone && ++cutDone > 1) return "two CutDone for one job";
+        if (e == kHostEventCutDone) jobOpen = false;
         if (e == kMarkCutStarted) {
             cutDone = 0;
             cancelled = false;
+            insideCutCall = true;
+            earlierJobOpen = jobOpen;
+            jobOpen = true;
         }
-        if (e == kMarkCancelReturned) cancelled = true;
+        if (e == kMarkCutReturned) insideCutCall = earlierJobOpen = false;
+        if (e == kMarkCancelReturned) cancelled = true, jobOpen = false;
         if (e == kHostEventPicStart) inRequest = true;
         // A failed request ends without PicDone.
         if (e == kHostEventPicDone || e == kHostEventFileError || e == kHostEventError) inRequest = false;
@@ -119,6 +132,7 @@ void drive(const std::string& media, unsigned seed, std::atomic<int>& runsLeft) 
                 log->add(kMarkCutStarted);
                 TSL_CutFile(handle, files[0].c_str(), out.c_str(), ranges, 1 + int32_t(pick(2)), nullptr, 0,
                             pick(2) ? kCutKindSynced : kCutKindMp4);
+                log->add(kMarkCutReturned);
             } else if (action == 4) {
                 TSL_CancelFile(handle);
                 log->add(kMarkCancelReturned);
