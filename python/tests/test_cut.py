@@ -132,11 +132,12 @@ def test_a_silent_cut_times_out_and_the_media_stays_usable(main_media, tmp_path)
 
 _INTERRUPTED_CHILD = """
 import os, sys, tessalo
-source, out = sys.argv[1:3]
-media = tessalo.open(source)
+source, big, out = sys.argv[1:4]
+media, long_one = tessalo.open(source), tessalo.open(big)
 print("ready", flush=True)
 try:
-    media.cut(out, [(0, 3999)] * 12, kind=0)
+    # About 120 MB of output, half a second of work: still being written when the signal comes.
+    long_one.cut(out, [(0, 1999)] * 6, kind=0)
     print("finished", flush=True)
 except KeyboardInterrupt:
     left = sorted(os.listdir(os.path.dirname(out)))
@@ -147,7 +148,8 @@ except KeyboardInterrupt:
 
 def test_ctrl_c_during_a_cut_cancels_it_and_leaves_no_file(tmp_path):
     out = tmp_path / "out.mp4"
-    child = subprocess.Popen([sys.executable, "-c", _INTERRUPTED_CHILD, media("main.mp4"), str(out)],
+    child = subprocess.Popen([sys.executable, "-c", _INTERRUPTED_CHILD, media("main.mp4"), media("large.mp4"),
+                              str(out)],
                              stdout=subprocess.PIPE, text=True, env=dict(os.environ, PYTHONPATH=str(Path(
                                  tessalo.__file__).parents[1])))
     try:
