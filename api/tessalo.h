@@ -58,13 +58,18 @@ enum {
     kPicFormatBgr24 = 3
 };
 
-/* Cut kinds for TSL_CutFile, both into an MP4 (or MOV) file. 0 rebuilds the
+/* Cut kinds for TSL_CutFile, all into an MP4 (or MOV) file. 0 rebuilds the
  * timeline from running sums, with fixed steps at each join. 1 moves each
  * range as one block: audio and video keep the source's own offset, the
- * ranges join without overlap, and a file without audio is cut too. */
+ * ranges join without overlap, and a file without audio is cut too. 2 is
+ * frame-exact on the timeline of 1: each range shows exactly the pictures
+ * whose pts lies in [start, end]; the pictures before its first IDR key frame
+ * and after its last clean point are encoded again with libx264, the rest is
+ * copied. */
 enum {
     kCutKindMp4 = 0,
-    kCutKindSynced = 1
+    kCutKindSynced = 1,
+    kCutKindExact = 2
 };
 
 /* The 48-byte record copied by TSL_GetMediaInfo. Height stands before width. */

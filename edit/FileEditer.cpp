@@ -124,6 +124,7 @@ bool FileEditer::cut(const char* src, const char* dst, const EditRange* hostRang
     releaseCut();
 
     sourceFile.close();
+    sourcePath = src ? src : "";
     if (!sourceFile.open(src)) {
         Log("FileEditer", "%s, src : %s, open failed", "Morvel_Tessalo::FileEditer::cut", src ? src : "");
         return false;
@@ -138,7 +139,7 @@ bool FileEditer::cut(const char* src, const char* dst, const EditRange* hostRang
             handler = [this](const char* path) { return cutSynced(path); };
             break;
         case 2:
-            handler = [this](const char* path) { return cutReserved(path); };
+            handler = [this](const char* path) { return startJob(path, 2); };
             break;
         default:
             return false;
@@ -166,10 +167,6 @@ bool FileEditer::cut(const char* src, const char* dst, const EditRange* hostRang
     return handler(dst);
 }
 
-// Kind 2 has no cut of its own yet: the request is accepted, its arrays are
-// kept until the next cut or a cancel, and no thread or event follows.
-bool FileEditer::cutReserved(const char*) { return true; }
-
 bool FileEditer::cutMp4(const char* dst) { return startJob(dst, 0); }
 
 bool FileEditer::cutSynced(const char* dst) { return startJob(dst, 1); }
@@ -184,16 +181,24 @@ bool FileEditer::startJob(const char* dst, int32_t kind) {
     muxer->shiftToZero = kind == 0;
     jobKind = kind;
     outputPath.clear();
+    madeAndCopied.clear();
 
     if (muxer->setOutputFile(dst) != 0) {
         Log("FileEditer", "%s, the dst : %s, set failed", "Morvel_Tessalo::FileEditer::cutMp4", dst ? dst : "");
         return false;
     }
     outputPath = dst;
-    // The synced cut writes a file without audio as one video track.
+    // The synced cuts write a file without audio as one video track.
     const bool withAudio = kind == 0 || (audioFrames && !audioFrames->empty());
     if (withAudio && muxer->addAudioTrack(&audioInfo) != 0) return failSetUp();
-    if (muxer->addVideoTrack(&videoInfo) != 0) return failSetUp();
+    VideoTrackInfo declared = videoInfo;
+    std::vector<uint8_t> sets;
+    if (kind == 2) {
+        if (!prepareExact(&sets)) return failSetUp();
+        declared.extraData = sets.data();
+        declared.extraDataSize = static_cast<int32_t>(sets.size());
+    }
+    if (muxer->addVideoTrack(&declared) != 0) return failSetUp();
     if (muxer->start() != 0) return failSetUp();
     readBuffer.reset(new (std::nothrow) uint8_t[kReadBufferSize]);
     sampleBuffer.reset(new (std::nothrow) uint8_t[kSampleBufferSize]);
@@ -204,6 +209,27 @@ bool FileEditer::startJob(const char* dst, int32_t kind) {
         return failSetUp();
     }
     return true;
+}
+
+// The frame-exact cut plans its ranges before the file is begun: the
+// parameter sets of the pictures it will make are declared in the file's
+// header, beside the source's, in `sets` (the source's alone when it makes none).
+bool FileEditer::prepareExact(std::vector<uint8_t>* sets) {
+    sourceSets.assign(videoInfo.extraData, videoInfo.extraData + std::max(videoInfo.extraDataSize, 0));
+    try {
+        exact = std::make_unique<ExactCut>(*keyGroups, sourceSets, videoInfo.frameRate, meanVideoFrameMs(),
+                                           SourceTimes::fromOrigins(indexOrigins));
+        if (!exact->prepare(sourcePath.c_str(), ranges.get(), rangeCount)) return false;
+        *sets = sourceSets;
+        sets->insert(sets->end(), exact->madeSets().begin(), exact->madeSets().end());
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+double FileEditer::meanVideoFrameMs() const {
+    return RangeSelection(SelectionRules::synced(), SourceTimes{}, *keyGroups, *audioFrames).videoFrameMs();
 }
 
 // A set-up that fails once the output exists leaves nothing behind: a muxer
@@ -218,9 +244,9 @@ bool FileEditer::failSetUp() {
 
 void FileEditer::runCut() {
     tCutThreadOf = this;
-    // The original cut reads the index's own values; the synced one moves
+    // The original cut reads the index's own values; the synced ones move
     // both tracks onto one timeline first.
-    const bool synced = jobKind == 1;
+    const bool synced = jobKind != 0;
     const SourceTimes times = synced ? SourceTimes::fromOrigins(indexOrigins) : SourceTimes::asIndexed();
     RangeSelection selection(synced ? SelectionRules::synced() : SelectionRules::original(), times, *keyGroups,
                              *audioFrames);
@@ -230,7 +256,8 @@ void FileEditer::runCut() {
     else
         timeline = std::make_unique<RunningTimeline>();
     RangeCutter cutter({*keyGroups, *audioFrames, selection, *timeline, *muxer, sourceFile, readBuffer.get(),
-                        sampleBuffer.get(), [this] { return isStopRequested(); }, videoDone, audioDone});
+                        sampleBuffer.get(), [this] { return isStopRequested(); }, videoDone, audioDone,
+                        exact.get()});
     // One byte per offset: set once a range has moved the entry. Without the
     // table (out of memory) no entry is moved, so none can be moved twice.
     std::unique_ptr<uint8_t[]> mapped;
@@ -240,6 +267,7 @@ void FileEditer::runCut() {
     for (int32_t i = 0; i < rangeCount; ++i) {
         if (isStopRequested()) break;
         const RangeCutter::Result result = cutter.cut(ranges[i]);
+        if (exact) madeAndCopied.push_back({exact->plan().made(), cutter.copiedPictures()});
         if (result == RangeCutter::Result::Finished) {
             if (mapped) mapOffsets(ranges[i], *timeline, mapped.get());
             continue;
@@ -280,6 +308,7 @@ bool FileEditer::releaseJob() {
     offsetCount = 0;
     readBuffer.reset();
     sampleBuffer.reset();
+    exact.reset();
     return unwritable;
 }
 

@@ -4,12 +4,15 @@
 // frame index; sample bytes are read straight from the file at the recorded
 // positions and handed to a FileMuxer with a rebuilt timeline.
 //
-// Two kinds of cut: kind 0 keeps the original running timeline, kind 1 moves
+// Three kinds of cut: kind 0 keeps the original running timeline, kind 1 moves
 // each range as one block and so keeps the source's own audio-video offset
 // (see RunningTimeline and BlockTimeline; RangeSelection says which samples
-// each keeps). A job whose file can't be written fails and its output goes.
+// each keeps), and kind 2 shows exactly the pictures of each range on kind
+// 1's timeline, making again those it can't copy (ExactCut). A job whose file
+// can't be written fails and its output goes.
 //
-// Threads: the host's thread runs cut, stopCut, releaseCut and
+// Threads: the host's thread runs cut (for kind 2 it reads the key frames its
+// ranges start from and decodes one picture), stopCut, releaseCut and
 // getEditOffsetPts; the cut thread runs runCut and sends the failure
 // notification; the muxer thread runs onMuxComplete and sends the done
 // notification. Called from inside either notification, cut refuses and
@@ -23,6 +26,7 @@
 #include <vector>
 
 #include "api/tessalo.h"
+#include "edit/ExactCut.h"
 #include "edit/FileOperator.h"
 #include "edit/RangeCutter.h"
 #include "instance/FrameRecord.h"
@@ -70,6 +74,14 @@ public:
     // From the muxer thread, after the trailer is written and the file closed.
     void onMuxComplete() override;
 
+    // For each range of the last frame-exact job: the pictures it made and
+    // the video samples it copied. Read once the job's thread has ended.
+    struct MadeAndCopied {
+        size_t made;
+        size_t copied;
+    };
+    const std::vector<MadeAndCopied>& lastExactJob() const { return madeAndCopied; }
+
     // The group that opens a range of the original cut starting at `pts` (see
     // RangeSelection::groupBefore).
     static bool findKeyGroup(const std::vector<FrameGroup*>& groups, int64_t pts, int32_t* index);
@@ -87,7 +99,8 @@ private:
 
     bool cutMp4(const char* dst);
     bool cutSynced(const char* dst);
-    bool cutReserved(const char* dst);
+    bool prepareExact(std::vector<uint8_t>* sets);
+    double meanVideoFrameMs() const;
     // The set-up shared by the kinds: muxer, tracks, buffers, thread.
     bool startJob(const char* dst, int32_t kind);
     bool failSetUp();
@@ -134,6 +147,11 @@ private:
     // could not be written).
     int32_t jobKind = 0;
     std::string outputPath;
+    std::string sourcePath;
+    // The frame-exact cut's made pictures, and the source's parameter sets they read.
+    std::vector<uint8_t> sourceSets;
+    std::unique_ptr<ExactCut> exact;
+    std::vector<MadeAndCopied> madeAndCopied;
     // Makes the job's muxer: an MPEG4FileMuxer. Tests put a recorder here.
     MuxerFactory makeMuxer;
 };

@@ -39,7 +39,14 @@ bool RangeCutter::toAnnexB(const uint8_t* sample, int32_t size, uint8_t* out, in
 }
 
 RangeCutter::Result RangeCutter::cut(const EditRange& range) {
-    if (!open(range)) return Result::Failed;
+    copied = 0;
+    switch (open(range)) {
+        case Opened::No: return Result::Failed;
+        case Opened::WriteFailed: return Result::WriteFailed;
+        // Stopped while its pictures were made: nothing of the range was written.
+        case Opened::Stopped: return Result::Finished;
+        case Opened::Yes: break;
+    }
     for (;;) {
         if (job.stopRequested()) break;
         // A side that ran out of the old buffer gets another go.
@@ -47,6 +54,7 @@ RangeCutter::Result RangeCutter::cut(const EditRange& range) {
         audioMore = !job.audioDone && !audioFinished;
         const bool passed = samplePass();
         if (writeFailed) return Result::WriteFailed;
+        if (madeFailed) return Result::Failed;
         // A stop inside the pass closes the range like one seen before it:
         // the cut thread ends at once and a cancel raises no failure.
         if (!passed || (videoFinished && audioFinished)) break;
@@ -58,25 +66,79 @@ RangeCutter::Result RangeCutter::cut(const EditRange& range) {
 
 // The opening key frame and the first audio record, one read from the lower
 // of their positions, and the timeline's opening.
-bool RangeCutter::open(const EditRange& range) {
+RangeCutter::Opened RangeCutter::open(const EditRange& range) {
     // A list that an earlier range walked to its end stays exhausted for the
     // job in the original cut: that side starts finished and the range goes
     // on with the other one.
     if (!job.selection.rules().listEndsForTheJob) job.videoDone = job.audioDone = false;
+    writeFailed = madeFailed = false;
     RangeSpan span;
-    if (!job.selection.open(range, &groupIndex, &span)) return false;
-    frameIndex = 0;
+    if (job.exact) {
+        const Opened opened = openExact(range, &span);
+        if (opened != Opened::Yes) return opened;
+    } else {
+        if (!job.selection.open(range, &groupIndex, &span)) return Opened::No;
+        frameIndex = 0;
+    }
     audioIndex = job.selection.firstAudio(job.timeline.audioFrom(span));
     const bool hasAudio = audioIndex < job.audio.size();
-    if (!hasAudio && job.selection.rules().needsAudio) return false;
+    if (!hasAudio && job.selection.rules().needsAudio) return Opened::No;
     const FrameRecord* firstAudio = hasAudio ? job.audio[audioIndex] : nullptr;
-    if (!readFrom(firstAudio ? std::min(span.key->position, firstAudio->position) : span.key->position))
-        return false;
-    videoFinished = job.videoDone;
+    // Only a frame-exact range whose pictures are all made copies no video.
+    const bool copiesVideo = span.key != nullptr;
+    int64_t from = copiesVideo ? span.key->position : -1;
+    if (firstAudio) from = copiesVideo ? std::min(from, firstAudio->position) : firstAudio->position;
+    if (copiesVideo || firstAudio) {
+        if (!readFrom(from)) return Opened::No;
+    } else {
+        bufferPos = bufferEnd = 0;
+    }
+    videoFinished = job.videoDone || !copiesVideo;
     audioFinished = job.audioDone || !hasAudio;
-    writeFailed = false;
     job.timeline.openRange(span, firstAudio);
+    if (job.exact) {
+        if (!writeMade(job.exact->head())) return writeFailed ? Opened::WriteFailed : Opened::No;
+        if (!copiesVideo) endVideo();
+        if (madeFailed || writeFailed) return writeFailed ? Opened::WriteFailed : Opened::No;
+    }
+    return Opened::Yes;
+}
+
+RangeCutter::Opened RangeCutter::openExact(const EditRange& range, RangeSpan* span) {
+    switch (job.exact->open(range, job.stopRequested)) {
+        case ExactCut::Result::Stopped: return Opened::Stopped;
+        case ExactCut::Result::Failed: return Opened::No;
+        case ExactCut::Result::Made: break;
+    }
+    *span = job.exact->span();
+    job.selection.adopt(range, *span);
+    groupIndex = job.exact->plan().copyFrom.group;
+    frameIndex = job.exact->plan().copyFrom.frame;
+    tailWritten = false;
+    return Opened::Yes;
+}
+
+bool RangeCutter::writeMade(const std::vector<MadePicture>& pictures) {
+    for (const MadePicture& picture : pictures) {
+        const SampleTimes times = job.timeline.video(picture.record);
+        const int32_t result = job.muxer.WriteSampleData(picture.data.data(), int32_t(picture.data.size()), kTrackVideo,
+                                                         times.pts, times.dts,
+                                                         picture.record.isKey ? kSampleFlagVideoKey : 0u);
+        // Unlike a copied sample, a made picture that is lost would leave
+        // its place in the range empty: the range fails.
+        if (result == kErrFileIo) writeFailed = true;
+        else if (result != kOk) madeFailed = true;
+        if (result != kOk) return false;
+    }
     return true;
+}
+
+void RangeCutter::endVideo() {
+    videoMore = false;
+    videoFinished = true;
+    if (!job.exact || tailWritten) return;
+    tailWritten = true;
+    writeMade(job.exact->tail());
 }
 
 bool RangeCutter::readFrom(int64_t position) {
@@ -134,13 +196,17 @@ bool RangeCutter::samplePass() {
 }
 
 void RangeCutter::videoStep() {
+    // The frame-exact cut copies its stretch whole, and nothing past it.
+    if (job.exact && IndexPlace{groupIndex, frameIndex} == job.exact->plan().copyEnd) {
+        endVideo();
+        return;
+    }
     const FrameRecord& record = videoRecord();
-    const Take take = job.selection.video(record);
+    const Take take = job.exact ? Take::Keep : job.selection.video(record);
     if (take == Take::End) {
         // In decoding order this ends the range's video: a later picture
         // shown within the range is not looked for.
-        videoMore = false;
-        videoFinished = true;
+        endVideo();
         return;
     }
     if (take == Take::Keep) {
@@ -153,9 +219,11 @@ void RangeCutter::videoStep() {
         // Written or dropped, the sample is done: a sample too short or
         // malformed to convert is left out, and its time with it.
         if (length >= 4 && toAnnexB(job.readBuffer + (record.position - bufferPos), static_cast<int32_t>(length),
-                                    job.sampleBuffer, kSampleBufferSize, &converted))
+                                    job.sampleBuffer, kSampleBufferSize, &converted)) {
             write(job.sampleBuffer, converted, kTrackVideo, job.timeline.video(record),
                   record.isKey ? kSampleFlagVideoKey : 0u);
+            ++copied;
+        }
     }
     nextVideo();
 }
@@ -168,8 +236,7 @@ void RangeCutter::nextVideo() {
     }
     if (groupIndex >= job.groups.size()) {
         job.videoDone = true;
-        videoFinished = true;
-        videoMore = false;
+        endVideo();
     }
 }
 

@@ -12,6 +12,7 @@
 
 #include "api/tessalo.h"
 #include "edit/CutTimeline.h"
+#include "edit/ExactCut.h"
 #include "edit/FileOperator.h"
 #include "edit/RangeSelection.h"
 #include "instance/FrameRecord.h"
@@ -34,6 +35,8 @@ public:
         // when the kind's rules say so).
         bool& videoDone;
         bool& audioDone;
+        // The frame-exact cut's made pictures; null for the kinds that only copy.
+        ExactCut* exact = nullptr;
     };
 
     enum class Result {
@@ -44,6 +47,8 @@ public:
 
     explicit RangeCutter(const Job& job) : job(job) {}
     Result cut(const EditRange& range);
+    // Video samples copied from the source for the last range cut.
+    size_t copiedPictures() const { return copied; }
 
     static constexpr int32_t kReadBufferSize = 0x1400000;   // 20 MiB of source at a time
     static constexpr int32_t kSampleBufferSize = 0x100000;  // one converted video sample
@@ -54,7 +59,14 @@ public:
     static constexpr int64_t kAdtsHeader = 7;
 
 private:
-    bool open(const EditRange& range);
+    enum class Opened { Yes, No, Stopped, WriteFailed };
+    Opened open(const EditRange& range);
+    // The frame-exact cut's opening: its pictures made, its copied stretch found.
+    Opened openExact(const EditRange& range, RangeSpan* span);
+    // Writes made pictures; false when one could not be written.
+    bool writeMade(const std::vector<MadePicture>& pictures);
+    // Ends the range's video: nothing more is copied, the made tail follows.
+    void endVideo();
     bool readFrom(int64_t position);
     bool refill();
     // One pass over the buffer; false when a stop or a write failure ended it.
@@ -78,6 +90,9 @@ private:
     bool videoFinished = false;  // that side has nothing more for this range
     bool audioFinished = false;
     bool writeFailed = false;
+    bool madeFailed = false;   // a made picture could not be written
+    bool tailWritten = false;  // the frame-exact range's made tail is written
+    size_t copied = 0;
     int64_t bufferPos = 0;  // file positions held by the read buffer: first byte, just past the last
     int64_t bufferEnd = 0;
 };

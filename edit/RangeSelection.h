@@ -42,6 +42,12 @@ public:
     // Opens `range`: the group it opens on and what it keeps of the video.
     // False when no group opens it (it starts after the last picture).
     bool open(const EditRange& range, size_t* group, RangeSpan* span);
+    // Opens `range` on a span found elsewhere (the frame-exact cut's): the
+    // audio rules then apply to it as to one this selection found.
+    void adopt(const EditRange& range, const RangeSpan& opened) {
+        rangeEnd = range.end;
+        span = opened;
+    }
     // The first audio record at or after source time `from`, or the list's
     // size when there is none or the range takes no audio.
     size_t firstAudio(int64_t from) const;

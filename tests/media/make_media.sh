@@ -162,4 +162,9 @@ make sync24.mp4 ff $(sync_source 24 44100) $sync264 -bf 2 -c:a aac -ac 1 -b:a 64
 make sync25.mp4 ff $(sync_source 25 48000) $sync264 -bf 3 -c:a aac -ac 2 -b:a 64k -shortest
 make sync30.mp4 ff $(sync_source 30 44100) $sync264 -bf 2 -c:a aac -ac 2 -b:a 64k -shortest
 
+# Frame-exact cuts: a key frame every 5 s, B-frames in a pyramid, and a moving pattern that tells every
+# picture from its neighbours.
+make longgop.mp4 ff -f lavfi -i testsrc2=size=192x108:rate=25:duration=12 $(tone 44100 12) -c:v libx264 -preset veryfast \
+  -g 125 -keyint_min 125 -sc_threshold 0 -bf 3 -x264-params b-pyramid=normal -pix_fmt yuv420p -c:a aac -ac 2 -shortest
+
 touch .complete

@@ -13,6 +13,7 @@
 #include "Causes.h"
 #include "Commands.h"
 #include "Times.h"
+#include "tessalo.h"
 
 using namespace tslcli;
 
@@ -106,7 +107,7 @@ int main(int argc, char** argv) {
     frames->add_option("KEY_MS", keyText, "Key timestamp of the group")->required();
     frames->add_option("-o,--output", framesDir, "Folder for the pictures")->capture_default_str();
 
-    auto* cut = app.add_subcommand("cut", "Cut time ranges into a new MP4 without re-encoding");
+    auto* cut = app.add_subcommand("cut", "Cut time ranges into a new MP4 without re-encoding (--exact: re-encoding only what must be)");
     cut->add_option("FILE", file, "Media file")->required();
     cut->add_option("-o,--output", output, "Output file (.mp4 or .mov)")->required();
     cut->add_option("-r,--range", rangeTexts, "Range START-END to keep, end inclusive; repeat for more")
@@ -114,11 +115,16 @@ int main(int argc, char** argv) {
         ->take_all();
     cut->add_option("--offset", offsetTexts, "Pair of source times A-B to translate to the output's timeline");
     cut->add_flag("--json", settings.json, "Print JSON");
-    cut->add_option("--kind", settings.cutKind,
-                    "1: audio and video keep the source's own offset, ranges join without overlap (default); "
-                    "0: the original timeline, with fixed steps at each join")
-        ->check(CLI::Range(0, 1))
-        ->capture_default_str();
+    auto* kind = cut->add_option("--kind", settings.cutKind,
+                                 "1: audio and video keep the source's own offset, ranges join without overlap "
+                                 "(default); 0: the original timeline, with fixed steps at each join; 2: as --exact")
+                     ->check(CLI::Range(0, 2))
+                     ->capture_default_str();
+    cut->add_flag_callback(
+           "--exact", [&settings] { settings.cutKind = kCutKindExact; },
+           "Frame-exact: each range shows exactly its pictures; those before its first key frame and after its "
+           "last clean point are encoded again, the rest copied")
+        ->excludes(kind);
 
     auto* demo = app.add_subcommand("demo", "Make a sample clip, then run info, thumbs and a cut on it");
     demo->add_option("-o,--output", demoDir, "Folder for what the demo makes")->capture_default_str();

@@ -1,0 +1,243 @@
+#include "edit/ExactCut.h"
+
+#include <algorithm>
+#include <new>
+
+#include "decode/H264Sample.h"
+#include "decode/PictureDecoder.h"
+#include "edit/RangeCutter.h"
+
+namespace {
+
+// Reads exp-Golomb numbers from the start of a NAL unit's payload, with the
+// emulation prevention bytes taken out.
+class NalBits {
+public:
+    NalBits(const uint8_t* data, size_t size) {
+        for (size_t i = 0; i < size && bytes.size() < 32; ++i) {
+            if (i >= 2 && data[i] == 3 && data[i - 1] == 0 && data[i - 2] == 0) continue;
+            bytes.push_back(data[i]);
+        }
+    }
+    void skipBytes(size_t count) { bit += 8 * count; }
+    // -1 when the bits run out.
+    int64_t unsignedGolomb() {
+        int zeros = 0;
+        while (zeros < 32) {
+            const int b = next();
+            if (b < 0) return -1;
+            if (b) break;
+            ++zeros;
+        }
+        int64_t value = 0;
+        for (int i = 0; i < zeros; ++i) {
+            const int b = next();
+            if (b < 0) return -1;
+            value = (value << 1) | b;
+        }
+        return (int64_t(1) << zeros) - 1 + value;
+    }
+
+private:
+    int next() {
+        if (bit >= 8 * bytes.size()) return -1;
+        const int b = (bytes[bit / 8] >> (7 - bit % 8)) & 1;
+        ++bit;
+        return b;
+    }
+    std::vector<uint8_t> bytes;
+    size_t bit = 0;
+};
+
+// The lowest id that no sequence or picture parameter set of `sets` (start
+// codes) uses, so that made pictures never refer to one of the source's.
+int unusedParameterSetId(const std::vector<uint8_t>& sets) {
+    std::vector<bool> used(32, false);
+    const size_t n = sets.size();
+    for (size_t at = 0; at + 3 < n; ++at) {
+        if (sets[at] != 0 || sets[at + 1] != 0 || sets[at + 2] != 1) continue;
+        const size_t nal = at + 3;
+        const int type = sets[nal] & 0x1F;
+        NalBits bits(sets.data() + nal + 1, n - nal - 1);
+        int64_t id = -1;
+        if (type == 7) {
+            bits.skipBytes(3);  // profile, constraints, level
+            id = bits.unsignedGolomb();
+        } else if (type == 8) {
+            id = bits.unsignedGolomb();
+        }
+        if (id >= 0 && id < 32) used[size_t(id)] = true;
+    }
+    for (int id = 1; id < 32; ++id)
+        if (!used[size_t(id)]) return id;
+    return 0;
+}
+
+}  // namespace
+
+ExactCut::ExactCut(const std::vector<FrameGroup*>& keyGroups, const std::vector<uint8_t>& sets, int32_t rate,
+                   double meanFrameMs, SourceTimes sourceTimes)
+    : groups(keyGroups),
+      sourceSets(sets),
+      frameRate(rate),
+      frameMs(meanFrameMs),
+      times(sourceTimes),
+      idr(keyGroups.size(), -1) {}
+
+bool ExactCut::prepare(const char* path, const EditRange* ranges, int32_t count) {
+    if (!source.open(path)) return false;
+    declaredSets.clear();
+    for (int32_t i = 0; i < count; ++i) {
+        const ExactPlan planned = planRange(ranges[i]);
+        if (planned.made() == 0) continue;
+        if (!learnLook(planned.head.empty() ? planned.tailFrom : planned.headFrom)) return false;
+        PictureEncoder encoder;
+        if (!encoder.open(look)) return false;
+        declaredSets = encoder.parameterSets();
+        return true;
+    }
+    return true;
+}
+
+bool ExactCut::readSample(const FrameRecord& record, std::vector<uint8_t>& bytes) {
+    if (record.size <= 0 || record.position < 0) return false;
+    bytes.resize(size_t(record.size));
+    uint32_t got = 0;
+    return source.seek(record.position) && source.read(bytes.data(), uint32_t(record.size), &got) &&
+           got == uint32_t(record.size);
+}
+
+bool ExactCut::readStartCodes(const FrameRecord& record, int32_t* converted) {
+    *converted = 0;
+    if (!readSample(record, sampleBytes)) return false;
+    // Start codes are one byte shorter than length prefixes: the sample's own size always holds them.
+    annexB.resize(sampleBytes.size());
+    // A malformed sample is passed over: the pictures that need it fail on their own.
+    RangeCutter::toAnnexB(sampleBytes.data(), int32_t(sampleBytes.size()), annexB.data(), int32_t(annexB.size()),
+                          converted);
+    return true;
+}
+
+bool ExactCut::isIdr(size_t group) {
+    if (group >= idr.size()) return false;
+    if (idr[group] < 0) {
+        // Samples hold 4-byte length prefixes: the cut's copy turns them into start codes the same way.
+        idr[group] = readSample(*groups[group]->front(), sampleBytes) &&
+                     firstSliceType(sampleBytes.data(), int32_t(sampleBytes.size()), 4) == kNalIdrSlice;
+    }
+    return idr[group] == 1;
+}
+
+ExactPlan ExactCut::planRange(const EditRange& range) {
+    return planExactRange(groups, range, [this](size_t g) { return isIdr(g); }, frameMs);
+}
+
+// The look of the first picture that decodes from `group`'s key frame.
+bool ExactCut::learnLook(size_t group) {
+    PictureDecoder decoder;
+    if (group >= groups.size() || !decoder.open(sourceSets.data(), int32_t(sourceSets.size()))) return false;
+    bool learnt = false;
+    auto take = [&](AVFrame& frame) {
+        look = PictureLook::of(decoder.codec(), frame, frameRate, unusedParameterSetId(sourceSets));
+        learnt = true;
+        return false;
+    };
+    for (const FrameRecord* record : *groups[group]) {
+        int32_t converted = 0;
+        if (!readStartCodes(*record, &converted)) return false;
+        if (converted > 0) decoder.decode(annexB.data(), converted, record->pts, take);
+        if (learnt) return true;
+    }
+    decoder.drain(take);
+    return learnt;
+}
+
+// Decodes from `fromGroup`'s key frame on, in decoding order, and encodes the
+// pictures whose pts `wanted` lists, until all of them are made.
+ExactCut::Result ExactCut::make(size_t fromGroup, const std::vector<int64_t>& wanted,
+                                const std::function<bool()>& stop, std::vector<EncodedPicture>& out) {
+    PictureDecoder decoder;
+    PictureEncoder encoder;
+    if (!decoder.open(sourceSets.data(), int32_t(sourceSets.size()))) return Result::Failed;
+    size_t made = 0;
+    bool encoderFailed = false;
+    auto take = [&](AVFrame& frame) {
+        if (!std::binary_search(wanted.begin(), wanted.end(), frame.pts)) return true;
+        // Every encoder opened in the look writes the parameter sets declared for the file.
+        if (made == 0 && (!encoder.open(look) || encoder.parameterSets() != declaredSets)) {
+            encoderFailed = true;
+            return false;
+        }
+        if (!encoder.encode(frame, out)) {
+            encoderFailed = true;
+            return false;
+        }
+        return ++made < wanted.size();
+    };
+    for (size_t g = fromGroup; g < groups.size() && made < wanted.size(); ++g)
+        for (const FrameRecord* record : *groups[g]) {
+            if (stop()) return Result::Stopped;
+            int32_t converted = 0;
+            if (!readStartCodes(*record, &converted)) return Result::Failed;
+            if (converted > 0) decoder.decode(annexB.data(), converted, record->pts, take);
+            if (encoderFailed) return Result::Failed;
+            if (made == wanted.size()) break;
+        }
+    if (made < wanted.size()) decoder.drain(take);
+    if (encoderFailed || made < wanted.size() || !encoder.finish(out) || out.size() != wanted.size())
+        return Result::Failed;
+    return Result::Made;
+}
+
+ExactCut::Result ExactCut::open(const EditRange& range, const std::function<bool()>& stop) {
+    madeHead.clear();
+    madeTail.clear();
+    rangePlan = planRange(range);
+    if (!rangePlan.shows) return Result::Failed;
+    std::vector<EncodedPicture> head, tail;
+    try {
+        if (!rangePlan.head.empty()) {
+            const Result result = make(rangePlan.headFrom, rangePlan.head, stop, head);
+            if (result != Result::Made) return result;
+        }
+        if (!rangePlan.tail.empty()) {
+            const Result result = make(rangePlan.tailFrom, rangePlan.tail, stop, tail);
+            if (result != Result::Made) return result;
+        }
+        // The head is decoded as far ahead of its pts as the copied stretch
+        // is; the tail follows the stretch's last dts and never runs ahead of
+        // its own pts.
+        for (EncodedPicture& picture : head) {
+            FrameRecord record;
+            record.isKey = picture.key;
+            record.pts = picture.pts;
+            record.dts = picture.pts - rangePlan.lead;
+            madeHead.push_back({record, std::move(picture.data)});
+        }
+        int64_t lastDts = rangePlan.lastCopiedDts;
+        for (EncodedPicture& picture : tail) {
+            FrameRecord record;
+            record.isKey = picture.key;
+            record.pts = picture.pts;
+            record.dts = std::max(picture.pts - rangePlan.lead, lastDts + 1);
+            lastDts = record.dts;
+            madeTail.push_back({record, std::move(picture.data)});
+        }
+    } catch (const std::bad_alloc&) {
+        return Result::Failed;
+    }
+    return Result::Made;
+}
+
+RangeSpan ExactCut::span() const {
+    RangeSpan span;
+    span.key = rangePlan.copies ? (*groups[rangePlan.copyFrom.group])[rangePlan.copyFrom.frame] : nullptr;
+    FrameRecord first;
+    first.pts = rangePlan.firstShown;
+    first.dts = rangePlan.firstShown - rangePlan.lead;
+    span.keyPts = times.videoPts(first);
+    span.keyDts = times.videoDts(first);
+    span.showsPictures = rangePlan.shows;
+    span.shownEnd = rangePlan.shownEnd;
+    return span;
+}
