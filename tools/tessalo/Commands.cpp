@@ -15,6 +15,7 @@
 #include "DemoClip.h"
 #include "Host.h"
 #include "Images.h"
+#include "MadePictures.h"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -349,6 +350,40 @@ std::string failedCut(const Indexed& ix, const std::vector<TimeSpan>& ranges, co
     return "the cut of " + file + " failed in the library (a range could not be read or cut)";
 }
 
+// For each range of a frame-exact cut, its source pictures and whether each
+// was made again, read from the output; empty when the output does not hold
+// the pictures the ranges asked for.
+struct RangePictures {
+    std::vector<int64_t> pts;
+    std::vector<bool> made;
+};
+
+std::vector<RangePictures> exactRanges(const Indexed& ix, const std::string& file, const std::string& output,
+                                       const std::vector<TimeSpan>& ranges) {
+    std::vector<int64_t> all;
+    for (const int64_t key : ix.keys) {
+        const std::vector<int64_t> group = ix.session.group(key);
+        all.insert(all.end(), group.begin(), group.end());
+    }
+    std::sort(all.begin(), all.end());
+    all.erase(std::unique(all.begin(), all.end()), all.end());
+    const std::vector<OutputPicture> shown = outputPictures(file, output);
+    std::vector<RangePictures> result;
+    size_t at = 0;
+    for (const TimeSpan& r : ranges) {
+        RangePictures range;
+        for (const int64_t pts : all) {
+            if (pts < r.start || pts > r.end) continue;
+            if (at >= shown.size()) return {};
+            range.pts.push_back(pts);
+            range.made.push_back(shown[at++].made);
+        }
+        result.push_back(std::move(range));
+    }
+    if (at != shown.size()) return {};
+    return result;
+}
+
 }  // namespace
 
 int runCut(const Settings& s, const std::string& file, const std::string& output, const std::vector<TimeSpan>& ranges,
@@ -390,19 +425,37 @@ int runCut(const Settings& s, const std::string& file, const std::string& output
             entry["output"] = {{"first", run.offsets[i].first}, {"second", run.offsets[i].second}};
         report.push_back(entry);
     }
+    const bool exact = s.cutKind == kCutKindExact;
+    const std::vector<RangePictures> made = exact ? exactRanges(ix, file, output, ranges) : std::vector<RangePictures>{};
+    if (exact && made.empty())
+        std::cerr << "tessalo: warning: the output does not hold exactly the pictures of the ranges\n";
     if (s.json) {
         json jr = json::array();
-        for (const TimeSpan& r : ranges)
-            jr.push_back({{"start", r.start}, {"end", r.end}, {"opensAtKey", openingKey(ix.keys, r.start, s.cutKind)}});
+        for (size_t i = 0; i < ranges.size(); ++i) {
+            const TimeSpan& r = ranges[i];
+            json entry = {{"start", r.start}, {"end", r.end}};
+            if (!exact) entry["opensAtKey"] = openingKey(ix.keys, r.start, s.cutKind);
+            if (!made.empty()) {
+                const size_t count = size_t(std::count(made[i].made.begin(), made[i].made.end(), true));
+                entry["reencoded"] = count;
+                entry["copied"] = made[i].made.size() - count;
+            }
+            jr.push_back(entry);
+        }
         out << json{{"source", file}, {"output", output}, {"ranges", jr}, {"offsets", report}}.dump(2) << "\n";
         return 0;
     }
     out << "cut " << file << " -> " << output << " (" << ranges.size() << " range" << (ranges.size() == 1 ? "" : "s")
         << ")\n";
-    for (size_t i = 0; i < ranges.size(); ++i)
+    for (size_t i = 0; i < ranges.size(); ++i) {
         out << "  range " << i + 1 << "  " << spanText(ranges[i].start, ranges[i].end) << "  ("
-            << clockText(ranges[i].start) << " - " << clockText(ranges[i].end) << "), opens on the key frame at "
-            << openingKey(ix.keys, ranges[i].start, s.cutKind) << " ms\n";
+            << clockText(ranges[i].start) << " - " << clockText(ranges[i].end) << ")";
+        if (!exact)
+            out << ", opens on the key frame at " << openingKey(ix.keys, ranges[i].start, s.cutKind) << " ms";
+        else if (!made.empty())
+            out << ": " << runsText(made[i].pts, made[i].made);
+        out << "\n";
+    }
     if (!report.empty()) out << "offsets on the output's timeline:\n";
     for (const json& e : report) {
         out << "  " << spanText(e["source"]["first"], e["source"]["second"]) << " -> ";
