@@ -20,6 +20,7 @@ public:
         }
     }
     void skipBytes(size_t count) { bit += 8 * count; }
+    int flag() { return next(); }
     // -1 when the bits run out.
     int64_t unsignedGolomb() {
         int zeros = 0;
@@ -71,6 +72,25 @@ int unusedParameterSetId(const std::vector<uint8_t>& sets) {
     for (int id = 1; id < 32; ++id)
         if (!used[size_t(id)]) return id;
     return 0;
+}
+
+// Whether the first sequence parameter set of `sets` codes losslessly
+// (qpprime_y_zero_transform_bypass_flag, in the profiles that have it).
+bool codesLosslessly(const std::vector<uint8_t>& sets) {
+    const size_t n = sets.size();
+    for (size_t at = 0; at + 4 < n; ++at) {
+        if (sets[at] != 0 || sets[at + 1] != 0 || sets[at + 2] != 1 || (sets[at + 3] & 0x1F) != 7) continue;
+        const int profile = sets[at + 4];
+        if (profile != 100 && profile != 110 && profile != 122 && profile != 244 && profile != 44) return false;
+        NalBits bits(sets.data() + at + 4, n - at - 4);
+        bits.skipBytes(3);     // profile, constraints, level
+        bits.unsignedGolomb();  // id
+        if (bits.unsignedGolomb() == 3) bits.flag();  // chroma_format_idc; separate_colour_plane_flag
+        bits.unsignedGolomb();  // bit_depth_luma_minus8
+        bits.unsignedGolomb();  // bit_depth_chroma_minus8
+        return bits.flag() == 1;
+    }
+    return false;
 }
 
 }  // namespace
@@ -139,6 +159,7 @@ bool ExactCut::learnLook(size_t group) {
     bool learnt = false;
     auto take = [&](AVFrame& frame) {
         look = PictureLook::of(decoder.codec(), frame, frameRate, unusedParameterSetId(sourceSets));
+        look.lossless = codesLosslessly(sourceSets);
         learnt = true;
         return false;
     };

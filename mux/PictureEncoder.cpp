@@ -70,7 +70,10 @@ bool PictureEncoder::open(const PictureLook& look) {
     AVDictionary* raw = nullptr;
     if (const char* profile = x264Profile(look.profile)) av_dict_set(&raw, "profile", profile, 0);
     av_dict_set(&raw, "preset", "veryfast", 0);
-    av_dict_set_int(&raw, "crf", kQuality, 0);
+    // A lossless stream's pictures are continued losslessly: lower quality
+    // would show, and its decoders expect the transform bypass to go on.
+    if (look.lossless) av_dict_set_int(&raw, "qp", 0, 0);
+    else av_dict_set_int(&raw, "crf", kQuality, 0);
     // No reordering (a made picture is decoded when it is shown, so its dts
     // can sit anywhere below its pts), one IDR picture at the start and none
     // after it, and parameter sets of the run's own id.

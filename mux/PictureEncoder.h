@@ -31,6 +31,7 @@ struct PictureLook {
     AVRational aspect{0, 1};
     int frameRate = 25;
     int parameterSetId = 1;  // of the made pictures' sequence and picture parameter sets
+    bool lossless = false;   // the stream is coded losslessly: so are the made pictures
 
     // The look of `frame`, decoded by `decoder` from the stream.
     static PictureLook of(const AVCodecContext& decoder, const AVFrame& frame, int frameRate, int parameterSetId);
@@ -56,8 +57,8 @@ public:
     // Ends the run: every picture still inside the encoder comes out.
     bool finish(std::vector<EncodedPicture>& out);
 
-    // The quality the made pictures are encoded at (x264's constant rate
-    // factor): low enough that they pass for the copied ones.
+    // The quality the made pictures of a lossy stream are encoded at (x264's
+    // constant rate factor): low enough that they pass for the copied ones.
     static constexpr int kQuality = 15;
 
 private:
