@@ -8,9 +8,10 @@ Runs alternate, after one warm-up of each, so both read from the page cache.
 A row is one entry of ROWS: a name, bench_host's arguments, the reference
 command(s) and the target for the whole-process ratio.
 
-Usage: run_bench.py BUILD_DIR CLIP [REPS]
+Usage: run_bench.py BUILD_DIR CLIP [REPS [WORDS]]   (WORDS: a regular expression; only the rows whose name matches it)
 """
 import os
+import re
 import statistics
 import subprocess
 import sys
@@ -18,6 +19,7 @@ import tempfile
 import time
 
 build, clip, reps = sys.argv[1], sys.argv[2], int(sys.argv[3]) if len(sys.argv) > 3 else 3
+only = sys.argv[4] if len(sys.argv) > 4 else ""
 host = os.path.join(build, "bench", "bench_host")
 scratch = tempfile.mkdtemp(prefix="tessalo_bench.")
 FFMPEG = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
@@ -41,6 +43,25 @@ def ffmpeg_concat():
     return commands
 
 
+
+
+# The same five ranges with their starts inside groups (the clip's key frames are 2 s apart), for the
+# frame-exact cut, which makes the pictures from each start to the next key frame again.
+FIVE_INSIDE = [(a + 1.3, b + 1.3) for a, b in FIVE]
+FIVE_INSIDE_MS = ",".join(f"{round(a * 1000)}-{round(b * 1000)}" for a, b in FIVE_INSIDE)
+
+
+def ffmpeg_reencoded():
+    """What a user without a frame-exact cut does: the five ranges encoded again whole, then joined."""
+    commands, listing = [], out("reencoded.txt")
+    with open(listing, "w") as f:
+        for i, (a, b) in enumerate(FIVE_INSIDE):
+            segment = out(f"reencoded{i}.mp4")
+            commands.append(FFMPEG + ["-ss", f"{a:.3f}", "-to", f"{b:.3f}", "-i", clip, "-c:v", "libx264", "-preset",
+                                      "veryfast", "-c:a", "copy", segment])
+            f.write(f"file '{segment}'\n")
+    commands.append(FFMPEG + ["-f", "concat", "-safe", "0", "-i", listing, "-c", "copy", out("reencoded.mp4")])
+    return commands
 
 
 def layout_clip(layout):
@@ -77,6 +98,11 @@ ROWS = [
      [[host, "cut", clip, out("one0.mp4"), "100000-400000", "0"]], 1.0),
     ("five ranges, kind 1 vs 0", ["cut", clip, out("five1.mp4"), FIVE_MS, "1"],
      [[host, "cut", clip, out("five0.mp4"), FIVE_MS, "0"]], 1.0),
+    # Frame-exact: against re-encoding the ranges whole (slow, so fewer runs), and the price of
+    # exactness against the synced cut of the same ranges (printed, no target).
+    ("five exact vs re-encoding", ["cut", clip, out("five2.mp4"), FIVE_INSIDE_MS, "2"], ffmpeg_reencoded(), 0.25, 2),
+    ("five ranges, kind 2 vs 1", ["cut", clip, out("five2b.mp4"), FIVE_INSIDE_MS, "2"],
+     [[host, "cut", clip, out("five1b.mp4"), FIVE_INSIDE_MS, "1"]], None),
 ]
 
 
@@ -109,10 +135,10 @@ def reference(commands):
 
 size = os.path.getsize(clip)
 results = []
-for name, args, refs, target in ROWS:
+for name, args, refs, target, *most in (row for row in ROWS if re.search(only, row[0])):
     ours(args), reference(refs)  # warm-up
     walls, requests, rchar, disk, rss, theirs = [], [], [], [], [], []
-    for _ in range(reps):
+    for _ in range(min(reps, *most) if most else reps):
         wall, fields, peak = ours(args)
         walls.append(wall)
         requests.append(float(fields["index_s" if args[0] == "index" else "request_s"]))
@@ -128,13 +154,17 @@ print(f"{'job':26} {'request s':>9} {'process s':>9} {'ref s':>7} {'request x':>
       f"{'target':>6} {'met':>4} {'walk read':>14} {'peak MiB':>8}")
 for name, request, wall, ref, target, rchar, disk, rss in results:
     ratio = wall / ref
-    print(f"{name:26} {request:9.3f} {wall:9.3f} {ref:7.3f} {request / ref:9.2f} {ratio:9.2f} {target:6.2f} "
-          f"{'yes' if ratio <= target else 'no':>4} {rchar / 2**20:6.2f} MiB {100 * rchar / size:4.1f}% {rss:8.0f}")
-index = next(r for r in results if r[0] == "index")
-cut = next(r for r in results if r[0] == "one 300 s range cut")
-print(f"walk: {index[5]:,} bytes read ({100 * index[5] / size:.2f}% of the file, target <= 2%), "
-      f"{index[6]:,} of them from the device rather than the page cache")
-print(f"peak memory of the one-range cut process: {cut[7]:.0f} MiB (target <= 160)")
+    met = "-" if target is None else "yes" if ratio <= target else "no"
+    print(f"{name:26} {request:9.3f} {wall:9.3f} {ref:7.3f} {request / ref:9.2f} {ratio:9.2f} "
+          f"{'-' if target is None else f'{target:.2f}':>6} {met:>4} {rchar / 2**20:6.2f} MiB {100 * rchar / size:4.1f}% "
+          f"{rss:8.0f}")
+index = next((r for r in results if r[0] == "index"), None)
+cut = next((r for r in results if r[0] == "one 300 s range cut"), None)
+if index:
+    print(f"walk: {index[5]:,} bytes read ({100 * index[5] / size:.2f}% of the file, target <= 2%), "
+          f"{index[6]:,} of them from the device rather than the page cache")
+if cut:
+    print(f"peak memory of the one-range cut process: {cut[7]:.0f} MiB (target <= 160)")
 
 # Programs that time a part rather than a job (the muxer alone) print their own RESULT lines.
 for program in sorted(p for p in os.listdir(os.path.join(build, "bench")) if p.endswith("_bench")):
