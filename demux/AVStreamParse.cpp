@@ -421,8 +421,15 @@ void AVStreamParse::readLoop() {
         return;
     }
     // The header and the stream information are known: from here on, a walk
-    // from the tables leaves the payloads in the file.
-    if (input) input->skipPayloads();
+    // from the tables leaves the payloads in the file. The index never looks
+    // into a payload; a parser libavformat runs on a stream would, so then
+    // the payloads read as zeros.
+    if (input) {
+        bool parsed = false;
+        for (unsigned i = 0; i < formatContext->nb_streams; ++i)
+            parsed = parsed || av_stream_get_parser(formatContext->streams[i]) != nullptr;
+        input->skipPayloads(!parsed);
+    }
 
     for (;;) {
         if (isStopping()) break;

@@ -51,10 +51,14 @@ bool FileInput::readAt(int64_t offset, uint8_t* buffer, uint32_t length) {
     return ok && got == length;
 }
 
-void FileInput::skipPayloads() {
+void FileInput::skipPayloads(bool leaveUnwritten) {
     int64_t size = 0;
     if (regularFileSize(file, &size)) fileSize = size;
     skipping = true;
+    unwritten = leaveUnwritten;
+    // Direct: a packet's read comes to this layer for the packet's own bytes
+    // rather than through the context's buffer and a copy.
+    if (unwritten && io) io->direct = 1;
 }
 
 int FileInput::readPacket(void* opaque, uint8_t* buffer, int size) {
@@ -63,7 +67,7 @@ int FileInput::readPacket(void* opaque, uint8_t* buffer, int size) {
     if (self->skipping) {
         if (self->position >= self->fileSize) return AVERROR_EOF;
         const int length = static_cast<int>(std::min<int64_t>(size, self->fileSize - self->position));
-        std::memset(buffer, 0, static_cast<size_t>(length));
+        if (!self->unwritten) std::memset(buffer, 0, static_cast<size_t>(length));
         self->position += length;
         return length;
     }

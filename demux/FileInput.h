@@ -35,8 +35,12 @@ public:
     // Reads `length` bytes at `offset` straight from the file, outside the
     // context; false unless all of them came.
     bool readAt(int64_t offset, uint8_t* buffer, uint32_t length);
-    // From now on the context serves zeros for the file's bytes.
-    void skipPayloads();
+    // From now on the context serves the file's bytes without reading them:
+    // as zeros, or, with `unwritten` (no parser of libavformat looks into a
+    // packet, and neither does the reader), by leaving the bytes asked for
+    // as they are and handing reads straight to the packets, so a walk costs
+    // no filling or copying of payloads.
+    void skipPayloads(bool unwritten);
     // Bytes taken from the file so far, through the context and readAt.
     int64_t bytesRead() const { return fileBytesRead; }
 
@@ -50,5 +54,6 @@ private:
     int64_t position = 0;
     int64_t fileBytesRead = 0;
     bool skipping = false;
+    bool unwritten = false;
     IOContextHolder io;
 };
