@@ -181,14 +181,7 @@ int32_t SoftMediaDecoder::start() {
         c->flags2 |= AV_CODEC_FLAG2_CHUNKS;
     }
     if (extraData && extraData->data && extraData->size > 0) {
-        // FFmpeg reads extradata with its wide bit readers: it asks for
-        // AV_INPUT_BUFFER_PADDING_SIZE zeroed bytes behind the data.
-        av_freep(&c->extradata);
-        c->extradata = static_cast<uint8_t*>(
-            av_mallocz(static_cast<size_t>(extraData->size) + AV_INPUT_BUFFER_PADDING_SIZE));
-        if (!c->extradata) return kErrGeneric;
-        std::memcpy(c->extradata, extraData->data, extraData->size);
-        c->extradata_size = extraData->size;
+        if (!replaceExtraData(c, extraData->data, static_cast<int>(extraData->size))) return kErrGeneric;
         extraData->size = 0;
     }
     if (avcodec_open2(c, decoder, nullptr) < 0) {

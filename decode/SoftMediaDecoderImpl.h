@@ -1,5 +1,6 @@
 #pragma once
 #include <cstdint>
+#include <memory>
 
 #include "base/BaseBuffer.h"
 #include "decode/DecoderBase.h"
@@ -17,7 +18,7 @@ namespace Morvel_Tessalo {
 class SoftMediaDecoderImpl : public DecoderBase {
 public:
     explicit SoftMediaDecoderImpl(int32_t mediaKind);
-    // Deletes the codec without closing it: the owner calls close first.
+    // Frees the codec without closing it: the owner calls close first.
     ~SoftMediaDecoderImpl() override;
     SoftMediaDecoderImpl(const SoftMediaDecoderImpl&) = delete;
     SoftMediaDecoderImpl& operator=(const SoftMediaDecoderImpl&) = delete;
@@ -28,7 +29,7 @@ public:
     int32_t close() override;
     void setParameter(int32_t id, void* value) override;
 
-    BaseCodec* codec = nullptr;
+    std::unique_ptr<BaseCodec> codec;
     BaseBuffer input;
     BaseBuffer output;  // data points at audioInfo or pictureInfo, by kind
     AudioFrameInfo audioInfo;

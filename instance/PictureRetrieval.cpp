@@ -28,10 +28,9 @@ constexpr int kDrainLimit = 256;
 bool TessaloImpl::openDecoder(int32_t size, uint8_t* data) {
     if (decoder) {
         decoder->close();
-        delete decoder;
-        decoder = nullptr;
+        decoder.reset();
     }
-    decoder = new (std::nothrow) SoftMediaDecoderImpl(kMediaKindVideo);
+    decoder.reset(new (std::nothrow) SoftMediaDecoderImpl(kMediaKindVideo));
     if (!decoder) return false;
     decoder->setParameter(kDecoderParamExtraSize, &size);
     decoder->setParameter(kDecoderParamExtraData, data);

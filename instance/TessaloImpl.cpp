@@ -39,16 +39,14 @@ void copyBlock(const uint8_t* source, int32_t* size, std::unique_ptr<uint8_t[]>*
 TessaloImpl::TessaloImpl(void* user, TessaloCallback callback) : userData(user), hostCallback(callback) {
     // Without memory for the cut engine the instance still indexes and
     // delivers pictures; the cut exports then answer as for a null handle.
-    editor = new (std::nothrow) FileEditer(&TessaloImpl::onEditerNotify, this);
+    editor.reset(new (std::nothrow) FileEditer(&TessaloImpl::onEditerNotify, this));
 }
 
 TessaloImpl::~TessaloImpl() {
     setState(kStateStopped);
     stopWorker();
-    delete demuxer;
-    demuxer = nullptr;
-    delete decoder;
-    decoder = nullptr;
+    demuxer.reset();
+    decoder.reset();
     if (editor) {
         editor->stopCut();
         editor->releaseCut();
@@ -59,8 +57,7 @@ TessaloImpl::~TessaloImpl() {
     extraData.reset();
     annexBExtraData.reset();
     askedPts.clear();
-    delete editor;
-    editor = nullptr;
+    editor.reset();
 }
 
 void TessaloImpl::notifyHost(int32_t event) {
@@ -162,14 +159,12 @@ void TessaloImpl::releaseWorkerObjects() {
     if (demuxer) {
         demuxer->stop();
         demuxer->getProperty(kDemuxerPropIndexOrigins, &indexOrigins);  // the reader has ended
-        delete demuxer;
+        demuxer.reset();
     }
     if (decoder) {
         decoder->close();
-        delete decoder;
+        decoder.reset();
     }
-    demuxer = nullptr;
-    decoder = nullptr;
 }
 
 void TessaloImpl::runWorker() {
@@ -211,10 +206,9 @@ void TessaloImpl::runWorker() {
 bool TessaloImpl::openDemuxer() {
     if (demuxer) {
         demuxer->stop();
-        delete demuxer;
-        demuxer = nullptr;
+        demuxer.reset();
     }
-    demuxer = new (std::nothrow) DemuxerAVImpl();
+    demuxer.reset(new (std::nothrow) DemuxerAVImpl());
     if (!demuxer) {
         notifyHost(kHostEventError);
         return false;
@@ -303,19 +297,17 @@ void TessaloImpl::wakeWorker() {
 int TessaloImpl::onDemuxerPacket(int kind, DemuxerPacket* packet, void* user) {
     auto* self = static_cast<TessaloImpl*>(user);
     if (!self || !packet) return 1;
-    try {
-        if (kind == kDemuxerPacketVideo) {
-            self->addVideoFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
-        } else if (kind == kDemuxerPacketAudio) {
-            self->addAudioFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
-        }
-    } catch (const std::bad_alloc&) {
-        // The index cannot grow: the walk fails as after repeated read
-        // failures, and the reader pauses until the walk is stopped.
-        self->notifyHost(kHostEventError);
-        return 0;
+    bool added = true;
+    if (kind == kDemuxerPacketVideo) {
+        added = self->addVideoFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
+    } else if (kind == kDemuxerPacketAudio) {
+        added = self->addAudioFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
     }
-    return 1;
+    if (added) return 1;
+    // The index cannot grow: the walk fails as after repeated read failures,
+    // and the reader pauses until the walk is stopped.
+    self->notifyHost(kHostEventError);
+    return 0;
 }
 
 void TessaloImpl::onDemuxerEvent(int kind, int detail, void*, void* user) {

@@ -37,10 +37,6 @@ MPEG4FileMuxer::MPEG4FileMuxer()
     state = 1;
     installFFmpegLogSink();
     avformat_network_init();
-    pthread_mutex_init(&audioMutex, nullptr);
-    pthread_mutex_init(&videoMutex, nullptr);
-    pthread_cond_init(&audioRoom, nullptr);
-    pthread_cond_init(&videoRoom, nullptr);
     // A failed allocation leaves a ring that refuses every sample (-12 from push).
     audioQueue.allocBuffers(kAudioElementSize);
     videoQueue.allocBuffers(kVideoElementSize);
@@ -51,18 +47,13 @@ MPEG4FileMuxer::~MPEG4FileMuxer() {
     // way stop would, so that nothing runs on freed fields.
     if (muxerThread) {
         muxerThread->stopAndJoin();
-        delete muxerThread;
-        muxerThread = nullptr;
+        muxerThread.reset();
     }
     aacFilter.reset();
     audioCodecContext.reset();
     videoCodecContext.reset();
     formatContext.reset();
     avformat_network_deinit();
-    pthread_cond_destroy(&audioRoom);
-    pthread_cond_destroy(&videoRoom);
-    pthread_mutex_destroy(&audioMutex);
-    pthread_mutex_destroy(&videoMutex);
 }
 
 void MPEG4FileMuxer::setNotify(FileMuxerNotify* n) { notify = n; }
@@ -150,14 +141,9 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     context->height = info->height + (info->height & 1);
     // One thread is enough for an encoder that encodes nothing.
     context->thread_count = 1;
-    if (info->extraData && info->extraDataSize > 0) {
-        const size_t size = static_cast<size_t>(info->extraDataSize);
-        auto* copy = static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
-        if (!copy) return kErrGeneric;
-        std::memcpy(copy, info->extraData, size);
-        context->extradata = copy;
-        context->extradata_size = info->extraDataSize;
-    }
+    if (info->extraData && info->extraDataSize > 0 &&
+        !replaceExtraData(context.get(), info->extraData, info->extraDataSize))
+        return kErrGeneric;
 
     if (avcodec_open2(context.get(), videoEncoder, nullptr) < 0) return kErrGeneric;
     if (avcodec_parameters_from_context(stream->codecpar, context.get()) < 0) return kErrGeneric;
@@ -244,13 +230,9 @@ int32_t MPEG4FileMuxer::start() {
         }
     }
 
-    auto* thread = new (std::nothrow) MPEG4MuxerThread(this);
-    if (!thread) return kErrGeneric;
-    if (!thread->startThread()) {
-        delete thread;
-        return kErrGeneric;
-    }
-    muxerThread = thread;
+    std::unique_ptr<MPEG4MuxerThread> thread(new (std::nothrow) MPEG4MuxerThread(this));
+    if (!thread || !thread->startThread()) return kErrGeneric;
+    muxerThread = std::move(thread);
     return kOk;
 }
 
@@ -270,17 +252,14 @@ int32_t MPEG4FileMuxer::WriteSampleData(const uint8_t* data, int32_t size, int32
     if (dts < lastDts && lastDts > 0) return kErrInvalidArgument;
     lastDts = dts;
 
-    pthread_mutex_t* mutex = audio ? &audioMutex : &videoMutex;
-    pthread_cond_t* room = audio ? &audioRoom : &videoRoom;
+    std::condition_variable& room = audio ? audioRoom : videoRoom;
     BaseBufferQueue& queue = audio ? audioQueue : videoQueue;
-    pthread_mutex_lock(mutex);
+    std::unique_lock<std::mutex> lock(audio ? audioMutex : videoMutex);
     // A writer that has failed drains nothing more into the file: waiting for
     // room would hold the caller until stop, so it is told at once.
-    while (queue.count == queue.capacity && !fileFailed.load()) pthread_cond_wait(room, mutex);
+    room.wait(lock, [&] { return queue.count < queue.capacity || fileFailed.load(); });
     // push's refusal (oversize or null bytes) is passed on: it names the reason.
-    const int32_t result = fileFailed.load() ? kErrFileIo : queue.push(&buffer);
-    pthread_mutex_unlock(mutex);
-    return result;
+    return fileFailed.load() ? kErrFileIo : queue.push(&buffer);
 }
 
 int32_t MPEG4FileMuxer::stop() {
@@ -288,8 +267,7 @@ int32_t MPEG4FileMuxer::stop() {
     const bool started = muxerThread != nullptr;
     if (muxerThread) {
         muxerThread->stopAndJoin();
-        delete muxerThread;
-        muxerThread = nullptr;
+        muxerThread.reset();
     }
     // With no thread (the header or the thread start failed) the file is
     // closed by the context's holder below and has no trailer.

@@ -1,9 +1,9 @@
 #pragma once
-#include <pthread.h>
-
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "base/BaseBufferQueue.h"
 #include "base/ThreadMutex.h"
@@ -60,10 +60,12 @@ public:
     CodecContextHolder videoCodecContext;
     CodecContextHolder audioCodecContext;
     BitstreamFilterHolder aacFilter;
-    pthread_mutex_t audioMutex;
-    pthread_mutex_t videoMutex;
-    pthread_cond_t audioRoom;
-    pthread_cond_t videoRoom;
+    // Each guards its track's ring; the writing thread takes audio's first.
+    std::mutex audioMutex;
+    std::mutex videoMutex;
+    // Signalled when the writing thread has freed an element of the ring.
+    std::condition_variable audioRoom;
+    std::condition_variable videoRoom;
     BaseBufferQueue videoQueue;
     BaseBufferQueue audioQueue;
     const char* outputPath = nullptr;
@@ -72,7 +74,7 @@ public:
     bool hasAudio = false;
     bool hasVideo = false;
     ThreadMutex threadMutex;
-    MPEG4MuxerThread* muxerThread = nullptr;
+    std::unique_ptr<MPEG4MuxerThread> muxerThread;
     // Set by the writing thread when the file could not be written, under the
     // ring mutexes it holds; from then on samples are refused with kErrFileIo
     // and a caller waiting for room is woken.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Host.h"
+#include "base/FFmpegHolders.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -37,9 +38,10 @@ struct Facts {
 
 Facts probe(const std::string& path, bool countPackets) {
     Facts facts;
-    AVFormatContext* format = nullptr;
-    const int rc = avformat_open_input(&format, path.c_str(), nullptr, nullptr);
-    if (rc < 0) {
+    int rc = 0;
+    const InputFormatHolder input = openInput(path.c_str(), &rc);
+    AVFormatContext* format = input.get();
+    if (!format) {
         char text[AV_ERROR_MAX_STRING_SIZE] = "";
         av_strerror(rc, text, sizeof text);
         facts.openError = text;
@@ -54,16 +56,15 @@ Facts probe(const std::string& path, bool countPackets) {
                                 s->codecpar->ch_layout.nb_channels});
     }
     if (countPackets) {
-        AVPacket* packet = av_packet_alloc();
+        const PacketHolder holder(av_packet_alloc());
+        AVPacket* packet = holder.get();
         while (packet && !facts.keyPackets && av_read_frame(format, packet) >= 0) {
             const Track& t = facts.tracks[static_cast<size_t>(packet->stream_index)];
             facts.keyPackets = t.type == AVMEDIA_TYPE_VIDEO && t.codec == AV_CODEC_ID_H264 && !t.cover &&
                                (packet->flags & AV_PKT_FLAG_KEY);
             av_packet_unref(packet);
         }
-        av_packet_free(&packet);
     }
-    avformat_close_input(&format);
     return facts;
 }
 
