@@ -141,6 +141,26 @@ public:
     std::vector<CodecContextHolder> codecContexts;
 
 private:
+    // What the read loop carries from one packet to the next (reader thread).
+    struct ReadCursor {
+        bool keySeen = false;
+        int readFailures = 0;
+        std::unique_ptr<uint8_t[]> scratch;  // an audio packet behind its ADTS header
+        size_t scratchSize = 0;
+        bool videoPtsBaseSet = false;
+        bool videoDtsBaseSet = false;
+        bool audioPtsBaseSet = false;
+        int64_t videoPtsBase = 0;
+        int64_t videoDtsBase = 0;
+        int64_t audioPtsBase = 0;
+    };
+    // Reader thread: one read packet to the notify function; its answer, or
+    // 0 for a packet that is not reported.
+    void prepareScratch(ReadCursor* cursor);
+    int reportPacket(AVPacket* packet, ReadCursor* cursor);
+    int reportVideo(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor);
+    int reportAudio(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor);
+
     void resetFields();
     bool openFromTables(const char* source);
     int scanVideo(AVStream* stream, int index);
