@@ -23,6 +23,7 @@ class DecoderBase;
 class FileEditer;
 class FetchPlan;
 class KeyProbe;
+struct ReadWindow;
 struct DemuxerPacket;
 
 // Values of TessaloImpl::state.
@@ -151,6 +152,7 @@ private:
     void releaseWorkerObjects();
     void planKeys(FetchPlan* plan, KeyProbe* probe);
     void planRun(FetchPlan* plan, KeyProbe* probe);
+    bool feedPlan(FetchPlan* plan, ReadWindow* window);
     void restartDecoder();
     void drainDecoder();
     void answerPicture();
