@@ -34,9 +34,41 @@ struct Facts {
     std::string openError;
     std::vector<Track> tracks;
     bool keyPackets = false;  // an H.264 track has at least one key packet
+    int64_t videoSamples = 0;  // in the tracks the library can index, when asked for
 };
 
-Facts probe(const std::string& path, bool countPackets) {
+bool indexable(const Track& t) { return t.type == AVMEDIA_TYPE_VIDEO && !t.cover; }
+
+// The video samples that the tables declare; -1 when a track declares none.
+int64_t declaredVideoSamples(const AVFormatContext* format) {
+    int64_t total = 0;
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+        const AVStream* s = format->streams[i];
+        if (s->codecpar->codec_type != AVMEDIA_TYPE_VIDEO || (s->disposition & AV_DISPOSITION_ATTACHED_PIC)) continue;
+        if (s->nb_frames <= 0) return -1;
+        total += s->nb_frames;
+    }
+    return total;
+}
+
+enum class Count { nothing, keyPackets, videoSamples };
+
+// Reads packets until the count asked for is known.
+void countPackets(AVFormatContext* format, Count count, Facts* facts) {
+    const PacketHolder holder(av_packet_alloc());
+    AVPacket* packet = holder.get();
+    while (packet && !facts->keyPackets && av_read_frame(format, packet) >= 0) {
+        const Track& t = facts->tracks[static_cast<size_t>(packet->stream_index)];
+        if (count == Count::videoSamples) {
+            facts->videoSamples += indexable(t);
+        } else {
+            facts->keyPackets = indexable(t) && t.codec == AV_CODEC_ID_H264 && (packet->flags & AV_PKT_FLAG_KEY);
+        }
+        av_packet_unref(packet);
+    }
+}
+
+Facts probe(const std::string& path, Count count) {
     Facts facts;
     int rc = 0;
     const InputFormatHolder input = openInput(path.c_str(), &rc);
@@ -55,15 +87,10 @@ Facts probe(const std::string& path, bool countPackets) {
                                 (s->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0, s->codecpar->sample_rate,
                                 s->codecpar->ch_layout.nb_channels});
     }
-    if (countPackets) {
-        const PacketHolder holder(av_packet_alloc());
-        AVPacket* packet = holder.get();
-        while (packet && !facts.keyPackets && av_read_frame(format, packet) >= 0) {
-            const Track& t = facts.tracks[static_cast<size_t>(packet->stream_index)];
-            facts.keyPackets = t.type == AVMEDIA_TYPE_VIDEO && t.codec == AV_CODEC_ID_H264 && !t.cover &&
-                               (packet->flags & AV_PKT_FLAG_KEY);
-            av_packet_unref(packet);
-        }
+    if (count == Count::videoSamples) facts.videoSamples = declaredVideoSamples(format);
+    if (count == Count::keyPackets || facts.videoSamples < 0) {
+        facts.videoSamples = 0;
+        countPackets(format, count, &facts);
     }
     return facts;
 }
@@ -112,9 +139,14 @@ void quietFfmpeg() {
     av_log_set_callback([](void*, int, const char*, va_list) {});
 }
 
+int64_t videoSampleCount(const std::string& path) {
+    const Facts f = probe(path, Count::videoSamples);
+    return f.opened ? f.videoSamples : -1;
+}
+
 std::string refusalCause(int32_t event, const std::string& path) {
     quietFfmpeg();  // the library may have set FFmpeg's log up its own way meanwhile
-    const Facts f = probe(path, event == kSilent);
+    const Facts f = probe(path, event == kSilent ? Count::keyPackets : Count::nothing);
     if (event == kHostEventFileError || !f.opened)
         return "cannot open " + path + (f.opened ? "" : ": " + f.openError);
 
