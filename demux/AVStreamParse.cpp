@@ -12,6 +12,7 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
+#include "base/ByteCopy.h"
 #include "base/Log.h"
 #include "demux/TableWalkCheck.h"
 
@@ -23,18 +24,6 @@ constexpr int kMaxReadFailures = 50;
 using FilterHolder = BitstreamFilterHolder;
 
 std::atomic<bool> gFullWalkForced{false};
-
-// Copies `size` bytes into a new block; null for an empty or missing source
-// (and when the block cannot be had, so that size and block stay in step).
-std::unique_ptr<uint8_t[]> copyBytes(const uint8_t* source, int32_t size, int32_t* copied) {
-    *copied = 0;
-    if (!source || size <= 0) return nullptr;
-    std::unique_ptr<uint8_t[]> block(new (std::nothrow) uint8_t[size]);
-    if (!block) return nullptr;
-    std::memcpy(block.get(), source, size);
-    *copied = size;
-    return block;
-}
 
 int32_t clampToInt32(int64_t value) {
     if (value > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
@@ -111,6 +100,27 @@ int32_t rotationOf(const AVStream* stream) {
     if (std::isnan(counterClockwise)) return 0;
     const long quarters = std::lround(-counterClockwise / 90.0);
     return static_cast<int32_t>(((quarters % 4) + 4) % 4 * 90);
+}
+
+// The first time a timeline is met, it counts from `first`; `*origin` keeps
+// that time in milliseconds, without truncation.
+void anchor(TimelineBase* base, int64_t first, double ticksPerSecond, double* origin) {
+    if (base->set) return;
+    base->set = true;
+    base->ticks = first;
+    *origin = exactMilliseconds(first, ticksPerSecond);
+}
+
+// A packet as reported, with the bytes it is reported with; its times are
+// left to the caller.
+ParsedPacket parsedFrom(const AVPacket& packet, uint8_t* data, int32_t size) {
+    ParsedPacket parsed{};
+    parsed.data = data;
+    parsed.size = size;
+    parsed.duration = packet.duration;
+    parsed.flags = static_cast<uint16_t>(packet.flags & 0xFFFF);
+    parsed.pos = packet.pos;
+    return parsed;
 }
 
 bool listHas(const int32_t* list, uint16_t count, int index) {
@@ -467,24 +477,11 @@ int AVStreamParse::reportVideo(const AVPacket* packet, const AVStream* stream, R
     videoTimeBase = stream->time_base;
     videoCodecId = stream->codecpar->codec_id;
     const double ticks = videoTicksPerSecond(videoTimeBase);
-    if (!cursor->videoPtsBaseSet) {
-        cursor->videoPtsBase = packet->pts;
-        cursor->videoPtsBaseSet = true;
-        videoPtsOrigin = exactMilliseconds(cursor->videoPtsBase, ticks);
-    }
-    if (!cursor->videoDtsBaseSet) {
-        cursor->videoDtsBase = packet->dts;
-        cursor->videoDtsBaseSet = true;
-        videoDtsOrigin = exactMilliseconds(cursor->videoDtsBase, ticks);
-    }
-    ParsedPacket parsed{};
-    parsed.data = packet->data;
-    parsed.size = packet->size;
-    parsed.pts = toMilliseconds(packet->pts, cursor->videoPtsBase, ticks);
-    parsed.dts = toMilliseconds(packet->dts, cursor->videoDtsBase, ticks);
-    parsed.duration = packet->duration;
-    parsed.flags = static_cast<uint16_t>(packet->flags & 0xFFFF);
-    parsed.pos = packet->pos;
+    anchor(&cursor->videoPts, packet->pts, ticks, &videoPtsOrigin);
+    anchor(&cursor->videoDts, packet->dts, ticks, &videoDtsOrigin);
+    ParsedPacket parsed = parsedFrom(*packet, packet->data, packet->size);
+    parsed.pts = toMilliseconds(packet->pts, cursor->videoPts.ticks, ticks);
+    parsed.dts = toMilliseconds(packet->dts, cursor->videoDts.ticks, ticks);
     return sendNotify(kParsePacket, 2, &parsed);
 }
 
@@ -494,12 +491,8 @@ int AVStreamParse::reportAudio(const AVPacket* packet, const AVStream* stream, R
     audioTimeBase = stream->time_base;
     audioCodecId = stream->codecpar->codec_id;
     const double ticks = audioTicksPerSecond(audioTimeBase);
-    if (!cursor->audioPtsBaseSet) {
-        cursor->audioPtsBase = packet->pts;
-        cursor->audioPtsBaseSet = true;
-        audioPtsOrigin = exactMilliseconds(cursor->audioPtsBase, ticks);
-    }
-    const int64_t pts = toMilliseconds(packet->pts, cursor->audioPtsBase, ticks);
+    anchor(&cursor->audioPts, packet->pts, ticks, &audioPtsOrigin);
+    const int64_t pts = toMilliseconds(packet->pts, cursor->audioPts.ticks, ticks);
     int32_t size = packet->size;
     const size_t needed = static_cast<size_t>(size) + kAdtsHeaderSize;
     if (needed > cursor->scratchSize) {
@@ -510,14 +503,9 @@ int AVStreamParse::reportAudio(const AVPacket* packet, const AVStream* stream, R
         cursor->scratchSize = needed;
     }
     wrapAdts(packet->data, cursor->scratch.get(), &size, audioRate, audioChannels);
-    ParsedPacket parsed{};
-    parsed.data = cursor->scratch.get();
-    parsed.size = size;
+    ParsedPacket parsed = parsedFrom(*packet, cursor->scratch.get(), size);
     parsed.pts = pts;
     parsed.dts = pts;
-    parsed.duration = packet->duration;
-    parsed.flags = static_cast<uint16_t>(packet->flags & 0xFFFF);
-    parsed.pos = packet->pos;
     return sendNotify(kParsePacket, 1, &parsed);
 }
 

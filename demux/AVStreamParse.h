@@ -53,6 +53,12 @@ constexpr int32_t kAdtsHeaderSize = 7;
 // and parsers. Any thread; takes effect at the next open.
 void setFullWalkForced(bool forced);
 
+// The time a timeline counts from: the first packet's, in stream ticks.
+struct TimelineBase {
+    bool set = false;
+    int64_t ticks = 0;
+};
+
 // Fields are public: the demuxer reads them as properties and wakes the
 // reader through the mutex and condition.
 class AVStreamParse {
@@ -147,12 +153,9 @@ private:
         int readFailures = 0;
         std::unique_ptr<uint8_t[]> scratch;  // an audio packet behind its ADTS header
         size_t scratchSize = 0;
-        bool videoPtsBaseSet = false;
-        bool videoDtsBaseSet = false;
-        bool audioPtsBaseSet = false;
-        int64_t videoPtsBase = 0;
-        int64_t videoDtsBase = 0;
-        int64_t audioPtsBase = 0;
+        TimelineBase videoPts;
+        TimelineBase videoDts;
+        TimelineBase audioPts;
     };
     // Reader thread: one read packet to the notify function; its answer, or
     // 0 for a packet that is not reported.

@@ -4,7 +4,7 @@
 #include <new>
 #include <system_error>
 
-#include "base/Log.h"
+#include "base/ByteCopy.h"
 #include "decode/DecoderBase.h"
 #include "demux/DemuxerAVImpl.h"
 #include "edit/FileEditer.h"
@@ -15,24 +15,6 @@ namespace {
 
 // The instance whose callback this thread is inside, if any.
 thread_local const TessaloImpl* notifying = nullptr;
-
-// Copies `size` bytes of a block that the demuxer owns into one of our own.
-// A missing source, a size of 0 or below, or no memory leave an empty copy
-// with size 0, so later users never see a size without bytes.
-void copyBlock(const uint8_t* source, int32_t* size, std::unique_ptr<uint8_t[]>* block) {
-    block->reset();
-    if (!source || *size <= 0) {
-        *size = 0;
-        return;
-    }
-    block->reset(new (std::nothrow) uint8_t[static_cast<size_t>(*size)]);
-    if (!*block) {
-        Log("TessaloImpl", "no memory for %d bytes of extra data", *size);
-        *size = 0;
-        return;
-    }
-    std::memcpy(block->get(), source, static_cast<size_t>(*size));
-}
 
 }  // namespace
 
@@ -242,12 +224,12 @@ void TessaloImpl::readMediaInfo() {
     uint8_t* bytes = nullptr;
     demuxer->getProperty(kDemuxerPropExtraDataSize, &extraDataSize);
     demuxer->getProperty(kDemuxerPropExtraData, &bytes);
-    copyBlock(bytes, &extraDataSize, &extraData);
+    extraData = copyBytes(bytes, extraDataSize, &extraDataSize);
 
     bytes = nullptr;
     demuxer->getProperty(kDemuxerPropAnnexBExtraDataSize, &annexBExtraDataSize);
     demuxer->getProperty(kDemuxerPropAnnexBExtraData, &bytes);
-    copyBlock(bytes, &annexBExtraDataSize, &annexBExtraData);
+    annexBExtraData = copyBytes(bytes, annexBExtraDataSize, &annexBExtraDataSize);
 
     videoTrackInfo.width = mediaInfo.width;
     videoTrackInfo.height = mediaInfo.height;

@@ -105,6 +105,14 @@ int32_t MPEG4FileMuxer::setOutputFile(const char* path) {
     return kOk;
 }
 
+AVStream* MPEG4FileMuxer::newTrackStream(AVCodecID codec, const AVCodec** encoder) {
+    *encoder = avcodec_find_encoder(codec);
+    if (!*encoder) return nullptr;
+    AVStream* stream = avformat_new_stream(formatContext.get(), *encoder);
+    if (stream) stream->id = static_cast<int>(formatContext->nb_streams) - 1;
+    return stream;
+}
+
 int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     if (!info) return kErrInvalidArgument;
     if (info->codecType != 1) return kErrNotFound;
@@ -112,12 +120,9 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     // there is no stream to make.
     if (!formatContext || videoStream || state != 1) return kErrInvalidArgument;
 
-    videoEncoder = avcodec_find_encoder(AV_CODEC_ID_H264);
-    if (!videoEncoder) return kErrInvalidArgument;
-    AVStream* stream = avformat_new_stream(formatContext.get(), videoEncoder);
+    AVStream* stream = newTrackStream(AV_CODEC_ID_H264, &videoEncoder);
     if (!stream) return kErrInvalidArgument;
     videoStream = stream;
-    stream->id = static_cast<int>(formatContext->nb_streams) - 1;
 
     CodecContextHolder context(avcodec_alloc_context3(videoEncoder));
     if (!context) return kErrGeneric;
@@ -159,12 +164,9 @@ int32_t MPEG4FileMuxer::addAudioTrack(const AudioTrackInfo* info) {
     if (info->codecType != 1) return kErrNotFound;
     if (!formatContext || audioStream || state != 1) return kErrInvalidArgument;
 
-    audioEncoder = avcodec_find_encoder(AV_CODEC_ID_AAC);
-    if (!audioEncoder) return kErrInvalidArgument;
-    AVStream* stream = avformat_new_stream(formatContext.get(), audioEncoder);
+    AVStream* stream = newTrackStream(AV_CODEC_ID_AAC, &audioEncoder);
     if (!stream) return kErrInvalidArgument;
     audioStream = stream;
-    stream->id = static_cast<int>(formatContext->nb_streams) - 1;
 
     CodecContextHolder context(avcodec_alloc_context3(audioEncoder));
     if (!context) return kErrGeneric;

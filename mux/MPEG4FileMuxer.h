@@ -79,4 +79,9 @@ public:
     // ring mutexes it holds; from then on samples are refused with kErrFileIo
     // and a caller waiting for room is woken.
     std::atomic<bool> fileFailed{false};
+
+private:
+    // The encoder of `codec` and a new stream for it, numbered by its place;
+    // null when either cannot be had.
+    AVStream* newTrackStream(AVCodecID codec, const AVCodec** encoder);
 };

@@ -135,21 +135,18 @@ void openStream(AVFormatContext* fmt, Codec& codec, const AVCodec* encoder, Dict
     if (!codec.frame) outOfMemory();
 }
 
-const AVCodec* findEncoder(const char* name) {
+// The encoder called `name`, with a context for it in `codec`.
+const AVCodec* makeEncoderContext(Codec& codec, const char* name) {
     const AVCodec* encoder = avcodec_find_encoder_by_name(name);
     if (!encoder) throw std::runtime_error(std::string("making the demo clip: this FFmpeg has no ") + name + " encoder");
-    return encoder;
-}
-
-void allocContext(Codec& codec, const AVCodec* encoder) {
     codec.ctx.reset(avcodec_alloc_context3(encoder));
     if (!codec.ctx) outOfMemory();
+    return encoder;
 }
 
 // H.264 at 25 pictures a second, a key frame every second, with B-frames.
 void openVideo(AVFormatContext* fmt, Codec& video) {
-    const AVCodec* h264 = findEncoder("libx264");
-    allocContext(video, h264);
+    const AVCodec* h264 = makeEncoderContext(video, "libx264");
     AVCodecContext* c = video.ctx.get();
     c->width = kWidth;
     c->height = kHeight;
@@ -174,8 +171,7 @@ void openVideo(AVFormatContext* fmt, Codec& video) {
 
 // AAC stereo at 44.1 kHz.
 void openAudio(AVFormatContext* fmt, Codec& audio) {
-    const AVCodec* aac = findEncoder("aac");
-    allocContext(audio, aac);
+    const AVCodec* aac = makeEncoderContext(audio, "aac");
     AVCodecContext* c = audio.ctx.get();
     c->sample_fmt = AV_SAMPLE_FMT_FLTP;
     c->sample_rate = kSampleRate;
