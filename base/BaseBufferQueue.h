@@ -6,7 +6,9 @@
 
 // A fixed ring of BaseBuffer elements, each with a block of `bufferSize` bytes.
 // push copies bytes in, pop copies them out; all `capacity` slots are usable.
-// No lock inside: the owner holds its own mutex around every call.
+// No lock inside: the owner holds its own mutex around every call, which may
+// come from any thread (the muxer pushes on the cut thread and pops on its
+// writing thread).
 class BaseBufferQueue {
 public:
     BaseBufferQueue(int32_t type, int32_t capacity);

@@ -15,6 +15,7 @@ namespace Morvel_Tessalo {
 // planes without row padding, described by the packet's layout) so that no
 // pointer into the decoding library's memory leaves this class. An 8-bit
 // 4:2:0 picture packs into exactly the I420 block that format 0 hands out.
+// Worker thread, as DecoderBase says.
 class SoftMediaDecoderImpl : public DecoderBase {
 public:
     explicit SoftMediaDecoderImpl(int32_t mediaKind);

@@ -61,6 +61,12 @@ struct TimelineBase {
 
 // Fields are public: the demuxer reads them as properties and wakes the
 // reader through the mutex and condition.
+//
+// Threads: init, open, scanStreams (with the notifications it sends) and
+// what they call run on the thread that starts the demuxer, the instance's
+// worker; readLoop and the notifications it sends on the reader thread that
+// scanStreams starts; stop on the thread that ends the demuxer (the worker,
+// or the host's when the instance goes).
 class AVStreamParse {
 public:
     AVStreamParse();
@@ -85,6 +91,7 @@ public:
     // Body of the reader thread.
     void readLoop();
     // Ends the reader (waits for it), closes the input, releases the path.
+    // Never on the reader thread.
     void stop();
 
     // Writes the 7-byte ADTS header for a packet of `*size` bytes followed by

@@ -70,16 +70,19 @@ public:
     // Wakes a worker sleeping in waitForIndex (host's or reader thread).
     void wakeWorker();
 
-    // Reports from the demuxer (user data: the instance), on the reader
-    // thread, and from the cut engine, on the cut's thread.
+    // Reports from the demuxer (user data: the instance): packets on the
+    // reader thread, events on the reader thread or, while the demuxer
+    // starts, on the worker. Reports of the cut engine come on the cut
+    // thread (a failure) or the muxer's writing thread (done).
     static int onDemuxerPacket(int kind, DemuxerPacket* packet, void* user);
     static void onDemuxerEvent(int kind, int detail, void* data, void* user);
     static void onEditerNotify(void* context, int32_t code);
-    // Reader thread, on the demuxer's ready event.
+    // Worker thread, inside the demuxer's ready event.
     void readMediaInfo();
 
     // Frame index. The reader thread adds and sorts; false from an add
-    // means no memory, and the index stays as it was before the sample.
+    // means no memory (the sample may then be in one order and not the
+    // other), after which the walk fails.
     bool addVideoFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size);
     bool addAudioFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size);
     void sortIndex();
@@ -147,7 +150,9 @@ public:
     std::unique_ptr<FileEditer> editor;  // made by the constructor
 
 private:
+    // Reader thread.
     void addToGroups(const FrameRecord& record, FrameGroup** current, std::vector<FrameGroup*>* groups);
+    // Worker thread.
     void runWorker();
     void releaseWorkerObjects();
     void planKeys(FetchPlan* plan, KeyProbe* probe);

@@ -24,7 +24,9 @@ class MPEG4MuxerThread;
 // for room, and stop() returns kErrFileIo.
 //
 // The fields are public because MPEG4MuxerThread works on them directly; the
-// rings and their mutex/condition pairs are the only state the two threads share.
+// rings and their mutex/condition pairs are the only state the two threads
+// share. Each operation runs on the thread FileMuxer names for it; the
+// writing thread runs MPEG4MuxerThread::run only.
 class MPEG4FileMuxer : public FileMuxer {
 public:
     // Ring geometry: the largest samples that can reach the file.
