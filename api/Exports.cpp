@@ -1,6 +1,7 @@
 // The sixteen exports: each tests its handle and forwards to the instance,
 // its frame index or its cut engine.
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 
@@ -18,7 +19,7 @@ TessaloImpl* instanceOf(void* handle) { return static_cast<TessaloImpl*>(handle)
 
 // The cut engine is made with the instance; without it the cut exports
 // answer as for a null handle.
-FileEditer* editorOf(void* handle) { return handle ? instanceOf(handle)->editor : nullptr; }
+FileEditer* editorOf(void* handle) { return handle ? instanceOf(handle)->editor.get() : nullptr; }
 
 }  // namespace
 
@@ -40,7 +41,8 @@ void TSL_DestoryTessalo(void* handle) {
     // From inside one of its own callbacks the instance would wait for the
     // very thread that runs the callback: refused, and the handle lives on.
     if (!handle || instanceOf(handle)->insideCallback()) return;
-    delete instanceOf(handle);
+    // Taken back from the host: the instance ends with this scope.
+    std::unique_ptr<TessaloImpl> instance(instanceOf(handle));
 }
 
 bool TSL_StartPic(void* handle, const char* path) {

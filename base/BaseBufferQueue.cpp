@@ -7,21 +7,17 @@
 
 BaseBufferQueue::BaseBufferQueue(int32_t type, int32_t capacity)
     : capacity(capacity > 0 ? capacity : 0), type(type) {
-    entries = new (std::nothrow) BaseBuffer[this->capacity > 0 ? this->capacity : 1];
-    if (!entries) this->capacity = 0;
-}
-
-BaseBufferQueue::~BaseBufferQueue() {
-    if (!entries) return;
-    for (int32_t i = 0; i < capacity; ++i) delete[] entries[i].data;
-    delete[] entries;
+    const size_t slots = this->capacity > 0 ? static_cast<size_t>(this->capacity) : 1;
+    entries.reset(new (std::nothrow) BaseBuffer[slots]);
+    blocks.reset(new (std::nothrow) std::unique_ptr<uint8_t[]>[slots]);
+    if (!entries || !blocks) this->capacity = 0;
 }
 
 int32_t BaseBufferQueue::allocBuffers(int32_t size) {
     if (size < 0) return kErrInvalidArgument;
     for (int32_t i = 0; i < capacity; ++i) {
-        delete[] entries[i].data;
-        entries[i].data = new (std::nothrow) uint8_t[size > 0 ? size : 1];
+        blocks[i].reset(new (std::nothrow) uint8_t[size > 0 ? size : 1]);
+        entries[i].data = blocks[i].get();
         if (!entries[i].data) {
             // Leave a ring that refuses every sample rather than a half-built one.
             bufferSize = 0;

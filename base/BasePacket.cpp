@@ -1,14 +1,12 @@
 #include "base/BasePacket.h"
 
-extern "C" {
-#include <libavutil/mem.h>
-}
-
 namespace Morvel_Tessalo {
 
-// Blocks come from av_malloc so that they carry FFmpeg's alignment.
-BasePacket::~BasePacket() {
-    if (data) av_free(data);
+bool BasePacket::replaceBlock(uint32_t capacity) {
+    block.reset();
+    block.reset(static_cast<uint8_t*>(av_malloc(capacity)));
+    data = block.get();
+    return data != nullptr;
 }
 
 }  // namespace Morvel_Tessalo

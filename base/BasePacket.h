@@ -1,22 +1,33 @@
 #pragma once
 #include <cstdint>
 
+#include "base/FFmpegHolders.h"
+
 namespace Morvel_Tessalo {
 
 // One decoded picture in a single owned block. `size` is both the bytes held
-// and the block's capacity; the decoder allocates and replaces the block.
+// and the block's capacity; the decoder replaces the block through
+// replaceBlock, and `data` always points at the block held (or is null).
 class BasePacket {
 public:
     BasePacket() = default;
-    virtual ~BasePacket();
+    virtual ~BasePacket() = default;
     BasePacket(const BasePacket&) = delete;
     BasePacket& operator=(const BasePacket&) = delete;
+
+    // Gives the old block back and takes a new one of `capacity` bytes, from
+    // av_malloc so that it carries FFmpeg's alignment. False, with `data`
+    // null, when there is no memory; `size` is left to the caller.
+    bool replaceBlock(uint32_t capacity);
 
     int64_t pts = 0;
     int64_t dts = 0;
     uint32_t size = 0;
     uint8_t* data = nullptr;
     bool keyFrame = false;
+
+private:
+    AvBlockHolder block;
 };
 
 // Where the planes of a decoded picture lie in a VideoPacket's block and what

@@ -3,6 +3,7 @@
 // unique_ptr whose deleter calls the object's own free function. Code that
 // owns an FFmpeg object keeps it in one of these and never frees it by hand.
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 extern "C" {
@@ -21,12 +22,18 @@ namespace ffmpeg_holders {
 struct InputFormatFree {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
 };
+// Closes the file of an output context when it has one open, and gives
+// avio_closep's result (0 when there was nothing to close): a writer that
+// closes before its context goes can see a close that failed.
+inline int closeOutputFile(AVFormatContext* context) {
+    if (!context->pb || !context->oformat || (context->oformat->flags & AVFMT_NOFILE)) return 0;
+    return avio_closep(&context->pb);
+}
 // An output context owns its file too: the file is closed when it is still
 // open (a writer that never reached its trailer) before the context goes.
 struct OutputFormatFree {
     void operator()(AVFormatContext* context) const {
-        if (context->pb && context->oformat && !(context->oformat->flags & AVFMT_NOFILE))
-            avio_closep(&context->pb);
+        closeOutputFile(context);
         avformat_free_context(context);
     }
 };
@@ -66,7 +73,25 @@ struct ParserFree {
     void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
 };
 
+// Gives a codec context a copy of `size` bytes of extra data, in place of
+// any it had. FFmpeg reads extradata with its wide bit readers, so the copy
+// has AV_INPUT_BUFFER_PADDING_SIZE zeroed bytes behind it. False (the context
+// then has none) when there is no memory.
+inline bool replaceExtraData(AVCodecContext* context, const uint8_t* data, int size) {
+    av_freep(&context->extradata);
+    context->extradata_size = 0;
+    auto* copy = static_cast<uint8_t*>(av_mallocz(static_cast<size_t>(size) + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!copy) return false;
+    std::memcpy(copy, data, static_cast<size_t>(size));
+    context->extradata = copy;
+    context->extradata_size = size;
+    return true;
+}
+
 }  // namespace ffmpeg_holders
+
+using ffmpeg_holders::closeOutputFile;
+using ffmpeg_holders::replaceExtraData;
 
 using InputFormatHolder = std::unique_ptr<AVFormatContext, ffmpeg_holders::InputFormatFree>;
 using OutputFormatHolder = std::unique_ptr<AVFormatContext, ffmpeg_holders::OutputFormatFree>;
@@ -78,9 +103,22 @@ using ScalerHolder = std::unique_ptr<SwsContext, ffmpeg_holders::ScalerFree>;
 using BitstreamFilterHolder = std::unique_ptr<AVBSFContext, ffmpeg_holders::BitstreamFilterFree>;
 // A block from av_malloc (extradata, buffers handed to FFmpeg).
 using AvBlockHolder = std::unique_ptr<uint8_t, ffmpeg_holders::BlockFree>;
+// Any other object that FFmpeg allocates with av_malloc and frees with
+// av_free (av_md5_alloc's context, for one).
+template <class T>
+using AvObjectHolder = std::unique_ptr<T, ffmpeg_holders::BlockFree>;
 // AVDictionary is built through a pointer-to-pointer: fill a raw pointer, then
 // hand it to a holder (or use DictionaryHolder::release / reset around the calls).
 using DictionaryHolder = std::unique_ptr<AVDictionary, ffmpeg_holders::DictionaryFree>;
 // An I/O context made with avio_alloc_context, with its buffer.
 using IOContextHolder = std::unique_ptr<AVIOContext, ffmpeg_holders::IOContextFree>;
 using ParserHolder = std::unique_ptr<AVCodecParserContext, ffmpeg_holders::ParserFree>;
+
+// Opens `path` for reading; null when libavformat cannot (the reason is in
+// `error` when given: FFmpeg's code, below zero).
+inline InputFormatHolder openInput(const char* path, int* error = nullptr) {
+    AVFormatContext* context = nullptr;
+    const int result = avformat_open_input(&context, path, nullptr, nullptr);
+    if (error) *error = result < 0 ? result : 0;
+    return InputFormatHolder(result < 0 ? nullptr : context);
+}

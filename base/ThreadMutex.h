@@ -1,7 +1,8 @@
 #pragma once
 #include <pthread.h>
 
-// Holds one recursive pthread mutex for its owner's life.
+// Holds one recursive pthread mutex for its owner's life. Made and destroyed
+// with its owner, on the owner's thread; locked from any thread.
 class ThreadMutex {
 public:
     ThreadMutex();

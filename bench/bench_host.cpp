@@ -30,6 +30,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "base/FFmpegHolders.h"
 #include "tessalo.h"
 
 namespace {
@@ -157,17 +158,17 @@ bool runRequest(Host& host, int argc, char** argv) {
 }
 
 int readFrameLoop(const char* clip) {
-    AVFormatContext* context = nullptr;
-    if (avformat_open_input(&context, clip, nullptr, nullptr) != 0) return 1;
+    const InputFormatHolder input = openInput(clip);
+    AVFormatContext* context = input.get();
+    if (!context) return 1;
     int status = avformat_find_stream_info(context, nullptr) < 0 ? 1 : 0;
-    AVPacket* packet = av_packet_alloc();
+    const PacketHolder holder(av_packet_alloc());
+    AVPacket* packet = holder.get();
     long packets = 0;
     while (status == 0 && packet && av_read_frame(context, packet) == 0) {
         ++packets;
         av_packet_unref(packet);
     }
-    av_packet_free(&packet);
-    avformat_close_input(&context);
     std::printf("HOST packets=%ld\n", packets);
     return status;
 }

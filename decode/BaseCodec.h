@@ -21,7 +21,8 @@ constexpr int32_t kCodecStateStopped = 6;
 
 // A small state machine for codecs: pick a codec, set parameters, start, push
 // one buffer in, pull one buffer out, stop. Every default does nothing and
-// succeeds; results are 0 or one of the codes of base/Results.h.
+// succeeds; results are 0 or one of the codes of base/Results.h. A codec
+// lives on one thread, its owner's (the worker thread for the decoder).
 class BaseCodec {
 public:
     virtual ~BaseCodec() = default;

@@ -22,7 +22,8 @@ constexpr int32_t kDecoderParamDrain = 5;
 // Value: null.
 constexpr int32_t kDecoderParamResume = 6;
 
-// Compressed samples in, whole pictures out in one contiguous block.
+// Compressed samples in, whole pictures out in one contiguous block. Every
+// operation runs on the worker thread of the picture request that made it.
 class DecoderBase {
 public:
     virtual ~DecoderBase() = default;

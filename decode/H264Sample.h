@@ -1,6 +1,7 @@
 #pragma once
 // What the picture path needs to know of an H.264 sample before it decodes
-// it: whether decoding can start there with nothing before it.
+// it: whether decoding can start there with nothing before it. Pure
+// functions, called on the worker thread.
 #include <cstdint>
 
 // Bytes of the length prefix in front of each NAL unit of the samples that

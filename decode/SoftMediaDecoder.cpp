@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "base/BaseBuffer.h"
 #include "base/Log.h"
@@ -98,22 +99,8 @@ int32_t SoftMediaDecoder::uninit() {
 
 int32_t SoftMediaDecoder::setParameter(int32_t id, void* value) {
     switch (id) {
-    case kCodecParamExtraData: {
-        if (state != kCodecStateInit) return kErrInvalidState;
-        auto* in = static_cast<BaseBuffer*>(value);
-        if (!in) return kErrInvalidArgument;
-        if (!extraData) {
-            extraDataBlock.reset(static_cast<uint8_t*>(av_malloc(kCodecExtraDataRoom)));
-            if (!extraDataBlock) return kErrGeneric;
-            extraData.reset(new BaseBuffer(extraDataBlock.get(), 0, 0, 0, 0));
-        }
-        // Private data larger than the staging block is cut to the block: no
-        // H.264 or AAC configuration comes near 1 MiB, and nothing may overrun.
-        int32_t n = std::clamp(in->size, 0, kCodecExtraDataRoom);
-        if (n > 0 && in->data) std::memcpy(extraData->data, in->data, n);
-        extraData->size = in->data ? n : 0;
-        return kOk;
-    }
+    case kCodecParamExtraData:
+        return stageExtraData(static_cast<BaseBuffer*>(value));
     case kCodecParamFlush:
         if (state != kCodecStateStarted) return kErrInvalidState;
         flushing = true;
@@ -138,10 +125,30 @@ int32_t SoftMediaDecoder::setParameter(int32_t id, void* value) {
     case kCodecParamSampleRate:
     case kCodecParamSampleBits:
     case kCodecParamChannels:
-        break;
+        return setAudioParameter(id, value);
     default:
         return kErrUnsupported;
     }
+}
+
+int32_t SoftMediaDecoder::stageExtraData(const BaseBuffer* in) {
+    if (state != kCodecStateInit) return kErrInvalidState;
+    if (!in) return kErrInvalidArgument;
+    if (!extraData) {
+        extraDataBlock.reset(static_cast<uint8_t*>(av_malloc(kCodecExtraDataRoom)));
+        if (!extraDataBlock) return kErrGeneric;
+        extraData.reset(new (std::nothrow) BaseBuffer(extraDataBlock.get(), 0, 0, 0, 0));
+        if (!extraData) return kErrGeneric;
+    }
+    // Private data larger than the staging block is cut to the block: no
+    // H.264 or AAC configuration comes near 1 MiB, and nothing may overrun.
+    int32_t n = std::clamp(in->size, 0, kCodecExtraDataRoom);
+    if (n > 0 && in->data) std::memcpy(extraData->data, in->data, n);
+    extraData->size = in->data ? n : 0;
+    return kOk;
+}
+
+int32_t SoftMediaDecoder::setAudioParameter(int32_t id, void* value) {
     if (mediaKind != kMediaKindAudio) return kErrUnsupported;
     // The audio settings go straight to the context; without one (before
     // init) there is nothing to set.
@@ -181,14 +188,7 @@ int32_t SoftMediaDecoder::start() {
         c->flags2 |= AV_CODEC_FLAG2_CHUNKS;
     }
     if (extraData && extraData->data && extraData->size > 0) {
-        // FFmpeg reads extradata with its wide bit readers: it asks for
-        // AV_INPUT_BUFFER_PADDING_SIZE zeroed bytes behind the data.
-        av_freep(&c->extradata);
-        c->extradata = static_cast<uint8_t*>(
-            av_mallocz(static_cast<size_t>(extraData->size) + AV_INPUT_BUFFER_PADDING_SIZE));
-        if (!c->extradata) return kErrGeneric;
-        std::memcpy(c->extradata, extraData->data, extraData->size);
-        c->extradata_size = extraData->size;
+        if (!replaceExtraData(c, extraData->data, static_cast<int>(extraData->size))) return kErrGeneric;
         extraData->size = 0;
     }
     if (avcodec_open2(c, decoder, nullptr) < 0) {

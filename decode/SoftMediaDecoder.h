@@ -15,6 +15,8 @@ constexpr int32_t kCodecAudioOutRoom = 0x100000;
 // BaseCodec on libavcodec: H.264 (and a few other) video into planar 4:2:0
 // plane pointers, or audio into interleaved 16-bit stereo through
 // libswresample. One buffer in, one buffer out; the input is never copied here.
+// Every operation runs on the thread of the picture request that owns it (the
+// instance's worker thread).
 class SoftMediaDecoder : public BaseCodec {
 public:
     explicit SoftMediaDecoder(int32_t mediaKind);
@@ -46,6 +48,8 @@ public:
     AvBlockHolder audioOut;
 
 private:
+    int32_t stageExtraData(const BaseBuffer* in);
+    int32_t setAudioParameter(int32_t id, void* value);
     int32_t decodeOnce(bool clearAfterSend);
     int32_t outputVideo(BaseBuffer* out);
     int32_t outputAudio(BaseBuffer* out);

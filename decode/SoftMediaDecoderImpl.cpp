@@ -1,6 +1,7 @@
 #include "decode/SoftMediaDecoderImpl.h"
 
 #include <cstring>
+#include <new>
 
 #include "base/BasePacket.h"
 #include "base/Results.h"
@@ -14,18 +15,21 @@ extern "C" {
 namespace Morvel_Tessalo {
 
 SoftMediaDecoderImpl::SoftMediaDecoderImpl(int32_t kind) : mediaKind(kind) {
-    codec = new SoftMediaDecoder(kind);
+    // Made on the worker's thread, where nothing may throw: without memory
+    // for the codec, open fails and every other operation does nothing.
+    codec.reset(new (std::nothrow) SoftMediaDecoder(kind));
     // A failed init shows later, when open fails.
-    codec->init(1);
+    if (codec) codec->init(1);
     output.data = kind == kMediaKindAudio ? reinterpret_cast<uint8_t*>(&audioInfo)
                                           : reinterpret_cast<uint8_t*>(&pictureInfo);
 }
 
-SoftMediaDecoderImpl::~SoftMediaDecoderImpl() { delete codec; }
+SoftMediaDecoderImpl::~SoftMediaDecoderImpl() = default;
 
 int32_t SoftMediaDecoderImpl::inputData(uint8_t* data, int32_t size, int64_t pts, int64_t dts) {
     // Refused input leaves the packet staged before in place.
     if (!data || size < 1) return kErrInvalidArgument;
+    if (!codec) return kErrInvalidState;
     input.data = data;
     input.size = size;
     input.pts = pts;
@@ -34,6 +38,7 @@ int32_t SoftMediaDecoderImpl::inputData(uint8_t* data, int32_t size, int64_t pts
 }
 
 int32_t SoftMediaDecoderImpl::outputData(BasePacket* packet) {
+    if (!codec) return 2;
     int32_t r = codec->outputBuffer(&output);
     if (r != kOk) return r == kErrInvalidArgument ? 2 : 0;
     if (!packet) return 2;
@@ -102,10 +107,9 @@ int32_t SoftMediaDecoderImpl::packPicture(BasePacket* packet) {
     if (!describePlanes(pictureInfo, &layout, rows, &packed64) || packed64 > INT32_MAX) return 2;
     const uint32_t packed = static_cast<uint32_t>(packed64);
     if (packed != packet->size || !packet->data) {
-        av_free(packet->data);
-        packet->data = static_cast<uint8_t*>(av_malloc(packed));
-        packet->size = packet->data ? packed : 0;
-        if (!packet->data) return 2;
+        const bool replaced = packet->replaceBlock(packed);
+        packet->size = replaced ? packed : 0;
+        if (!replaced) return 2;
     }
     for (int plane = 0; plane < layout.planeCount; ++plane) {
         const uint8_t* src = pictureInfo.planes[plane];
@@ -129,10 +133,8 @@ int32_t SoftMediaDecoderImpl::copyAudio(BasePacket* packet) {
         // `size` always says how many bytes are valid; a later larger frame
         // replaces the block, since its room is no longer known here.
         if (n > packet->size || !packet->data) {
-            av_free(packet->data);
-            packet->data = static_cast<uint8_t*>(av_malloc(n));
             packet->size = 0;
-            if (!packet->data) return 2;
+            if (!packet->replaceBlock(n)) return 2;
         }
         std::memcpy(packet->data, audioInfo.samples, n);
         packet->size = n;
@@ -147,14 +149,16 @@ int32_t SoftMediaDecoderImpl::copyAudio(BasePacket* packet) {
     return 1;
 }
 
-int32_t SoftMediaDecoderImpl::open() { return codec->start() == kOk ? 1 : 0; }
+int32_t SoftMediaDecoderImpl::open() { return codec && codec->start() == kOk ? 1 : 0; }
 
 int32_t SoftMediaDecoderImpl::close() {
+    if (!codec) return kOk;
     codec->stop();
     return codec->uninit();
 }
 
 void SoftMediaDecoderImpl::setParameter(int32_t id, void* value) {
+    if (!codec) return;
     switch (id) {
     case kDecoderParamFlush:
         codec->setParameter(kCodecParamFlush, value);

@@ -1,5 +1,6 @@
 #pragma once
 #include <cstdint>
+#include <memory>
 
 #include "base/BaseBuffer.h"
 #include "decode/DecoderBase.h"
@@ -14,10 +15,11 @@ namespace Morvel_Tessalo {
 // planes without row padding, described by the packet's layout) so that no
 // pointer into the decoding library's memory leaves this class. An 8-bit
 // 4:2:0 picture packs into exactly the I420 block that format 0 hands out.
+// Worker thread, as DecoderBase says.
 class SoftMediaDecoderImpl : public DecoderBase {
 public:
     explicit SoftMediaDecoderImpl(int32_t mediaKind);
-    // Deletes the codec without closing it: the owner calls close first.
+    // Frees the codec without closing it: the owner calls close first.
     ~SoftMediaDecoderImpl() override;
     SoftMediaDecoderImpl(const SoftMediaDecoderImpl&) = delete;
     SoftMediaDecoderImpl& operator=(const SoftMediaDecoderImpl&) = delete;
@@ -28,7 +30,7 @@ public:
     int32_t close() override;
     void setParameter(int32_t id, void* value) override;
 
-    BaseCodec* codec = nullptr;
+    std::unique_ptr<BaseCodec> codec;
     BaseBuffer input;
     BaseBuffer output;  // data points at audioInfo or pictureInfo, by kind
     AudioFrameInfo audioInfo;

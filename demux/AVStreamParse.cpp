@@ -12,6 +12,7 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
+#include "base/ByteCopy.h"
 #include "base/Log.h"
 #include "demux/TableWalkCheck.h"
 
@@ -23,18 +24,6 @@ constexpr int kMaxReadFailures = 50;
 using FilterHolder = BitstreamFilterHolder;
 
 std::atomic<bool> gFullWalkForced{false};
-
-// Copies `size` bytes into a new block; null for an empty or missing source
-// (and when the block cannot be had, so that size and block stay in step).
-std::unique_ptr<uint8_t[]> copyBytes(const uint8_t* source, int32_t size, int32_t* copied) {
-    *copied = 0;
-    if (!source || size <= 0) return nullptr;
-    std::unique_ptr<uint8_t[]> block(new (std::nothrow) uint8_t[size]);
-    if (!block) return nullptr;
-    std::memcpy(block.get(), source, size);
-    *copied = size;
-    return block;
-}
 
 int32_t clampToInt32(int64_t value) {
     if (value > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
@@ -111,6 +100,27 @@ int32_t rotationOf(const AVStream* stream) {
     if (std::isnan(counterClockwise)) return 0;
     const long quarters = std::lround(-counterClockwise / 90.0);
     return static_cast<int32_t>(((quarters % 4) + 4) % 4 * 90);
+}
+
+// The first time a timeline is met, it counts from `first`; `*origin` keeps
+// that time in milliseconds, without truncation.
+void anchor(TimelineBase* base, int64_t first, double ticksPerSecond, double* origin) {
+    if (base->set) return;
+    base->set = true;
+    base->ticks = first;
+    *origin = exactMilliseconds(first, ticksPerSecond);
+}
+
+// A packet as reported, with the bytes it is reported with; its times are
+// left to the caller.
+ParsedPacket parsedFrom(const AVPacket& packet, uint8_t* data, int32_t size) {
+    ParsedPacket parsed{};
+    parsed.data = data;
+    parsed.size = size;
+    parsed.duration = packet.duration;
+    parsed.flags = static_cast<uint16_t>(packet.flags & 0xFFFF);
+    parsed.pos = packet.pos;
+    return parsed;
 }
 
 bool listHas(const int32_t* list, uint16_t count, int index) {
@@ -403,134 +413,108 @@ void AVStreamParse::pause() {
     if (state != kParseStateStopping) condition.wait(lock);
 }
 
+// The index never looks into a payload; a parser that libavformat runs on a
+// stream would, so then the payloads it skips read as zeros.
+bool AVStreamParse::anyStreamParsed() const {
+    for (unsigned i = 0; i < formatContext->nb_streams; ++i)
+        if (av_stream_get_parser(formatContext->streams[i])) return true;
+    return false;
+}
+
 void AVStreamParse::readLoop() {
-    bool keySeen = false;
-    int readFailures = 0;
-    // The scratch buffer follows from the picture size. A very small picture
-    // can make it shorter than a wrapped audio packet; it then grows to fit,
-    // so that no packet is lost from the index and no write passes its end.
-    size_t scratchSize = static_cast<size_t>(width > 0 ? width : 0) *
-                         static_cast<size_t>(height > 0 ? height : 0) * 3 / 2;
-    std::unique_ptr<uint8_t[]> scratch(new (std::nothrow) uint8_t[scratchSize > 0 ? scratchSize : 1]);
-    if (!scratch) scratchSize = 0;
-    bool videoPtsBaseSet = false, videoDtsBaseSet = false, audioPtsBaseSet = false;
-    int64_t videoPtsBase = 0, videoDtsBase = 0, audioPtsBase = 0;
+    ReadCursor cursor;
+    prepareScratch(&cursor);
     PacketHolder packet(av_packet_alloc());
     if (!packet) {
         sendNotify(kParseError, 0, nullptr);
         return;
     }
     // The header and the stream information are known: from here on, a walk
-    // from the tables leaves the payloads in the file. The index never looks
-    // into a payload; a parser libavformat runs on a stream would, so then
-    // the payloads read as zeros.
-    if (input) {
-        bool parsed = false;
-        for (unsigned i = 0; i < formatContext->nb_streams; ++i)
-            parsed = parsed || av_stream_get_parser(formatContext->streams[i]) != nullptr;
-        input->skipPayloads(!parsed);
-    }
-
-    for (;;) {
-        if (isStopping()) break;
-        int result = av_read_frame(formatContext.get(), packet.get());
+    // from the tables leaves the payloads in the file.
+    if (input) input->skipPayloads(!anyStreamParsed());
+    while (!isStopping()) {
+        const int result = av_read_frame(formatContext.get(), packet.get());
         if (result == AVERROR_EOF) {
             sendNotify(kParseEnded, 1, nullptr);
             sendNotify(kParseEnded, 2, nullptr);
-            break;
+            return;
         }
         if (result != 0) {
-            if (++readFailures > kMaxReadFailures) {
+            if (++cursor.readFailures > kMaxReadFailures) {
                 sendNotify(kParseError, 0, nullptr);
-                break;
+                return;
             }
             continue;
         }
-        readFailures = 0;
-
-        int index = packet->stream_index;
-        if (index < 0 || static_cast<unsigned int>(index) >= formatContext->nb_streams ||
-            !formatContext->streams[index] || formatContext->streams[index]->discard == AVDISCARD_ALL) {
-            av_packet_unref(packet.get());
-            continue;
-        }
-        AVStream* stream = formatContext->streams[index];
-        if (packet->pts == AV_NOPTS_VALUE) packet->pts = packet->dts;
-
-        ParsedPacket parsed{};
-        int answer = 0;
-        if (listHas(videoList, videoCount, index)) {
-            if (!keySeen) {
-                if (!(packet->flags & AV_PKT_FLAG_KEY)) {
-                    av_packet_unref(packet.get());
-                    continue;
-                }
-                keySeen = true;
-            }
-            videoTimeBase = stream->time_base;
-            videoCodecId = stream->codecpar->codec_id;
-            double ticks = videoTicksPerSecond(videoTimeBase);
-            if (!videoPtsBaseSet) {
-                videoPtsBase = packet->pts;
-                videoPtsBaseSet = true;
-                videoPtsOrigin = exactMilliseconds(videoPtsBase, ticks);
-            }
-            if (!videoDtsBaseSet) {
-                videoDtsBase = packet->dts;
-                videoDtsBaseSet = true;
-                videoDtsOrigin = exactMilliseconds(videoDtsBase, ticks);
-            }
-            parsed.data = packet->data;
-            parsed.size = packet->size;
-            parsed.pts = toMilliseconds(packet->pts, videoPtsBase, ticks);
-            parsed.dts = toMilliseconds(packet->dts, videoDtsBase, ticks);
-            parsed.duration = packet->duration;
-            parsed.flags = static_cast<uint16_t>(packet->flags & 0xFFFF);
-            parsed.pos = packet->pos;
-            answer = sendNotify(kParsePacket, 2, &parsed);
-            av_packet_unref(packet.get());
-        } else if (listHas(audioList, audioCount, index)) {
-            if (index != firstAudio) {
-                av_packet_unref(packet.get());
-                continue;
-            }
-            audioTimeBase = stream->time_base;
-            audioCodecId = stream->codecpar->codec_id;
-            if (!audioPtsBaseSet) {
-                audioPtsBase = packet->pts;
-                audioPtsBaseSet = true;
-                audioPtsOrigin = exactMilliseconds(audioPtsBase, audioTicksPerSecond(audioTimeBase));
-            }
-            int64_t pts = toMilliseconds(packet->pts, audioPtsBase, audioTicksPerSecond(audioTimeBase));
-            int32_t size = packet->size;
-            size_t needed = static_cast<size_t>(size) + kAdtsHeaderSize;
-            if (needed > scratchSize) {
-                std::unique_ptr<uint8_t[]> larger(new (std::nothrow) uint8_t[needed]);
-                if (!larger) {
-                    // No room for this frame: drop it rather than write past the end.
-                    av_packet_unref(packet.get());
-                    continue;
-                }
-                scratch = std::move(larger);
-                scratchSize = needed;
-            }
-            wrapAdts(packet->data, scratch.get(), &size, audioRate, audioChannels);
-            parsed.data = scratch.get();
-            parsed.size = size;
-            parsed.pts = pts;
-            parsed.dts = pts;
-            parsed.duration = packet->duration;
-            parsed.flags = static_cast<uint16_t>(packet->flags & 0xFFFF);
-            parsed.pos = packet->pos;
-            av_packet_unref(packet.get());
-            answer = sendNotify(kParsePacket, 1, &parsed);
-        } else {
-            // Subtitle packets, and any stream in no list: nothing leaves the parser.
-            av_packet_unref(packet.get());
-            continue;
-        }
+        cursor.readFailures = 0;
+        const int answer = reportPacket(packet.get(), &cursor);
+        av_packet_unref(packet.get());
         if (answer == 1) pause();
     }
+}
+
+// The scratch buffer that audio packets are wrapped into follows from the
+// picture size. A very small picture can make it shorter than a wrapped audio
+// packet; it then grows to fit (reportAudio), so that no packet is lost from
+// the index and no write passes its end.
+void AVStreamParse::prepareScratch(ReadCursor* cursor) {
+    const size_t size = static_cast<size_t>(width > 0 ? width : 0) * static_cast<size_t>(height > 0 ? height : 0) * 3 / 2;
+    cursor->scratch.reset(new (std::nothrow) uint8_t[size > 0 ? size : 1]);
+    cursor->scratchSize = cursor->scratch ? size : 0;
+}
+
+int AVStreamParse::reportPacket(AVPacket* packet, ReadCursor* cursor) {
+    const int index = packet->stream_index;
+    if (index < 0 || static_cast<unsigned int>(index) >= formatContext->nb_streams ||
+        !formatContext->streams[index] || formatContext->streams[index]->discard == AVDISCARD_ALL)
+        return 0;
+    if (packet->pts == AV_NOPTS_VALUE) packet->pts = packet->dts;
+    const AVStream* stream = formatContext->streams[index];
+    if (listHas(videoList, videoCount, index)) return reportVideo(packet, stream, cursor);
+    if (listHas(audioList, audioCount, index) && index == firstAudio) return reportAudio(packet, stream, cursor);
+    // Subtitle packets, audio of other streams, and any stream in no list:
+    // nothing leaves the parser.
+    return 0;
+}
+
+// Video before the first key packet cannot be decoded: it is not reported.
+// Times count from the first reported packet's pts and dts.
+int AVStreamParse::reportVideo(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor) {
+    if (!cursor->keySeen && !(packet->flags & AV_PKT_FLAG_KEY)) return 0;
+    cursor->keySeen = true;
+    videoTimeBase = stream->time_base;
+    videoCodecId = stream->codecpar->codec_id;
+    const double ticks = videoTicksPerSecond(videoTimeBase);
+    anchor(&cursor->videoPts, packet->pts, ticks, &videoPtsOrigin);
+    anchor(&cursor->videoDts, packet->dts, ticks, &videoDtsOrigin);
+    ParsedPacket parsed = parsedFrom(*packet, packet->data, packet->size);
+    parsed.pts = toMilliseconds(packet->pts, cursor->videoPts.ticks, ticks);
+    parsed.dts = toMilliseconds(packet->dts, cursor->videoDts.ticks, ticks);
+    return sendNotify(kParsePacket, 2, &parsed);
+}
+
+// Audio of the first audio stream goes out wrapped in an ADTS header, its
+// dts equal to its pts, both counted from the first audio packet's pts.
+int AVStreamParse::reportAudio(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor) {
+    audioTimeBase = stream->time_base;
+    audioCodecId = stream->codecpar->codec_id;
+    const double ticks = audioTicksPerSecond(audioTimeBase);
+    anchor(&cursor->audioPts, packet->pts, ticks, &audioPtsOrigin);
+    const int64_t pts = toMilliseconds(packet->pts, cursor->audioPts.ticks, ticks);
+    int32_t size = packet->size;
+    const size_t needed = static_cast<size_t>(size) + kAdtsHeaderSize;
+    if (needed > cursor->scratchSize) {
+        std::unique_ptr<uint8_t[]> larger(new (std::nothrow) uint8_t[needed]);
+        // No room for this frame: drop it rather than write past the end.
+        if (!larger) return 0;
+        cursor->scratch = std::move(larger);
+        cursor->scratchSize = needed;
+    }
+    wrapAdts(packet->data, cursor->scratch.get(), &size, audioRate, audioChannels);
+    ParsedPacket parsed = parsedFrom(*packet, cursor->scratch.get(), size);
+    parsed.pts = pts;
+    parsed.dts = pts;
+    return sendNotify(kParsePacket, 1, &parsed);
 }
 
 void AVStreamParse::wrapAdts(const uint8_t* packet, uint8_t* destination, int32_t* size, int32_t rate,

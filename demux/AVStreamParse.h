@@ -53,8 +53,20 @@ constexpr int32_t kAdtsHeaderSize = 7;
 // and parsers. Any thread; takes effect at the next open.
 void setFullWalkForced(bool forced);
 
+// The time a timeline counts from: the first packet's, in stream ticks.
+struct TimelineBase {
+    bool set = false;
+    int64_t ticks = 0;
+};
+
 // Fields are public: the demuxer reads them as properties and wakes the
 // reader through the mutex and condition.
+//
+// Threads: init, open, scanStreams (with the notifications it sends) and
+// what they call run on the thread that starts the demuxer, the instance's
+// worker; readLoop and the notifications it sends on the reader thread that
+// scanStreams starts; stop on the thread that ends the demuxer (the worker,
+// or the host's when the instance goes).
 class AVStreamParse {
 public:
     AVStreamParse();
@@ -78,7 +90,9 @@ public:
     const AVCodec* openDecoder(AVStream* stream);
     // Body of the reader thread.
     void readLoop();
+    bool anyStreamParsed() const;
     // Ends the reader (waits for it), closes the input, releases the path.
+    // Never on the reader thread.
     void stop();
 
     // Writes the 7-byte ADTS header for a packet of `*size` bytes followed by
@@ -141,6 +155,23 @@ public:
     std::vector<CodecContextHolder> codecContexts;
 
 private:
+    // What the read loop carries from one packet to the next (reader thread).
+    struct ReadCursor {
+        bool keySeen = false;
+        int readFailures = 0;
+        std::unique_ptr<uint8_t[]> scratch;  // an audio packet behind its ADTS header
+        size_t scratchSize = 0;
+        TimelineBase videoPts;
+        TimelineBase videoDts;
+        TimelineBase audioPts;
+    };
+    // Reader thread: one read packet to the notify function; its answer, or
+    // 0 for a packet that is not reported.
+    void prepareScratch(ReadCursor* cursor);
+    int reportPacket(AVPacket* packet, ReadCursor* cursor);
+    int reportVideo(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor);
+    int reportAudio(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor);
+
     void resetFields();
     bool openFromTables(const char* source);
     int scanVideo(AVStream* stream, int index);

@@ -10,6 +10,70 @@
 
 namespace Morvel_Tessalo {
 
+namespace {
+
+void putInt(void* storage, int32_t value) { std::memcpy(storage, &value, sizeof value); }
+
+void putPointer(void* storage, uint8_t* bytes) { std::memcpy(storage, &bytes, sizeof bytes); }
+
+// A rate outside the int32 range (a broken r_frame_rate) saturates.
+int32_t wholeFrameRate(double frameRate) {
+    const double rate = std::trunc(frameRate);
+    if (!(rate < static_cast<double>(std::numeric_limits<int32_t>::max()))) return std::numeric_limits<int32_t>::max();
+    if (rate < static_cast<double>(std::numeric_limits<int32_t>::min())) return std::numeric_limits<int32_t>::min();
+    return static_cast<int32_t>(rate);
+}
+
+// The file's and the video's properties; false for an id that is not one.
+bool putVideoProperty(const AVStreamParse& p, int id, void* storage) {
+    switch (id) {
+    case kDemuxerPropDuration: std::memcpy(storage, &p.duration, sizeof p.duration); break;
+    case kDemuxerPropWidth: putInt(storage, p.width); break;
+    case kDemuxerPropHeight: putInt(storage, p.height); break;
+    case kDemuxerPropFrameRate: putInt(storage, wholeFrameRate(p.frameRate)); break;
+    case kDemuxerPropVideoBitRate: putInt(storage, p.videoBitRate); break;
+    case kDemuxerPropHasVideo: *static_cast<uint8_t*>(storage) = p.hasVideo ? 1 : 0; break;
+    case kDemuxerPropVideoCodec:
+        if (p.videoCodecId == AV_CODEC_ID_H264) putInt(storage, kDemuxerCodecH264);
+        break;
+    case kDemuxerPropExtraData: putPointer(storage, p.extraData.get()); break;
+    case kDemuxerPropExtraDataSize: putInt(storage, p.extraDataSize); break;
+    case kDemuxerPropAnnexBExtraData: putPointer(storage, p.annexBExtraData.get()); break;
+    case kDemuxerPropAnnexBExtraDataSize: putInt(storage, p.annexBExtraDataSize); break;
+    case kDemuxerPropRotation: putInt(storage, p.rotation); break;
+    case kDemuxerPropIndexOrigins: {
+        const IndexOrigins origins{p.videoPtsOrigin, p.videoDtsOrigin, p.audioPtsOrigin};
+        std::memcpy(storage, &origins, sizeof origins);
+        break;
+    }
+    default: return false;
+    }
+    return true;
+}
+
+// The audio's properties; any other id writes nothing.
+void putAudioProperty(const AVStreamParse& p, int id, void* storage) {
+    switch (id) {
+    case kDemuxerPropHasAudio: *static_cast<uint8_t*>(storage) = p.hasAudio ? 1 : 0; break;
+    case kDemuxerPropAudioCodec:
+        if (p.audioCodecId == AV_CODEC_ID_AAC) putInt(storage, kDemuxerCodecAac);
+        break;
+    case kDemuxerPropChannels: {
+        // Without an audio stream there is no table entry to read: the count
+        // is then 0 and the audio channel field (0 as well) stands in.
+        uint16_t count = p.firstAudio >= 0 ? p.channels[p.firstAudio] : 0;
+        if (count == 0) count = static_cast<uint16_t>(p.audioChannels & 0xFFFF);
+        std::memcpy(storage, &count, sizeof count);
+        break;
+    }
+    case kDemuxerPropSampleRate: putInt(storage, p.firstAudio >= 0 ? p.sampleRates[p.firstAudio] : -1); break;
+    case kDemuxerPropAudioBitRate: putInt(storage, p.audioBitRate); break;
+    default: break;
+    }
+}
+
+}  // namespace
+
 DemuxerAVImpl::DemuxerAVImpl() = default;
 
 DemuxerAVImpl::~DemuxerAVImpl() {
@@ -64,85 +128,7 @@ void DemuxerAVImpl::setProperty(int id, const char* value) {
 void DemuxerAVImpl::getProperty(int id, void* storage) {
     // Before start there are no values to give: nothing is written.
     if (!parser || !storage) return;
-    const AVStreamParse& p = *parser;
-    auto putInt = [storage](int32_t value) { std::memcpy(storage, &value, sizeof value); };
-    switch (id) {
-    case kDemuxerPropDuration:
-        std::memcpy(storage, &p.duration, sizeof p.duration);
-        break;
-    case kDemuxerPropWidth:
-        putInt(p.width);
-        break;
-    case kDemuxerPropHeight:
-        putInt(p.height);
-        break;
-    case kDemuxerPropFrameRate: {
-        double rate = std::trunc(p.frameRate);
-        // A rate outside the int32 range (a broken r_frame_rate) saturates.
-        if (!(rate < static_cast<double>(std::numeric_limits<int32_t>::max())))
-            putInt(std::numeric_limits<int32_t>::max());
-        else if (rate < static_cast<double>(std::numeric_limits<int32_t>::min()))
-            putInt(std::numeric_limits<int32_t>::min());
-        else
-            putInt(static_cast<int32_t>(rate));
-        break;
-    }
-    case kDemuxerPropVideoBitRate:
-        putInt(p.videoBitRate);
-        break;
-    case kDemuxerPropHasVideo:
-        *static_cast<uint8_t*>(storage) = p.hasVideo ? 1 : 0;
-        break;
-    case kDemuxerPropVideoCodec:
-        if (p.videoCodecId == AV_CODEC_ID_H264) putInt(kDemuxerCodecH264);
-        break;
-    case kDemuxerPropHasAudio:
-        *static_cast<uint8_t*>(storage) = p.hasAudio ? 1 : 0;
-        break;
-    case kDemuxerPropAudioCodec:
-        if (p.audioCodecId == AV_CODEC_ID_AAC) putInt(kDemuxerCodecAac);
-        break;
-    case kDemuxerPropExtraData: {
-        uint8_t* bytes = p.extraData.get();
-        std::memcpy(storage, &bytes, sizeof bytes);
-        break;
-    }
-    case kDemuxerPropExtraDataSize:
-        putInt(p.extraDataSize);
-        break;
-    case kDemuxerPropAnnexBExtraData: {
-        uint8_t* bytes = p.annexBExtraData.get();
-        std::memcpy(storage, &bytes, sizeof bytes);
-        break;
-    }
-    case kDemuxerPropAnnexBExtraDataSize:
-        putInt(p.annexBExtraDataSize);
-        break;
-    case kDemuxerPropChannels: {
-        // Without an audio stream there is no table entry to read: the count
-        // is then 0 and the audio channel field (0 as well) stands in.
-        uint16_t count = p.firstAudio >= 0 ? p.channels[p.firstAudio] : 0;
-        if (count == 0) count = static_cast<uint16_t>(p.audioChannels & 0xFFFF);
-        std::memcpy(storage, &count, sizeof count);
-        break;
-    }
-    case kDemuxerPropSampleRate:
-        putInt(p.firstAudio >= 0 ? p.sampleRates[p.firstAudio] : -1);
-        break;
-    case kDemuxerPropAudioBitRate:
-        putInt(p.audioBitRate);
-        break;
-    case kDemuxerPropRotation:
-        putInt(p.rotation);
-        break;
-    case kDemuxerPropIndexOrigins: {
-        const IndexOrigins origins{p.videoPtsOrigin, p.videoDtsOrigin, p.audioPtsOrigin};
-        std::memcpy(storage, &origins, sizeof origins);
-        break;
-    }
-    default:
-        break;
-    }
+    if (!putVideoProperty(*parser, id, storage)) putAudioProperty(*parser, id, storage);
 }
 
 int DemuxerAVImpl::onParseNotify(int kind, int detail, void* data, void* user) {

@@ -72,6 +72,13 @@ constexpr int32_t kDemuxerCodecAac = 1;
 
 // Reads one media file for the instance: reports every packet and the file's
 // properties. Lives for one walk.
+//
+// Threads: init, setProperty and start run on the instance's worker, and
+// start raises the ready event and any refusal there; packets, the end and
+// read failures are raised on the reader thread that start leaves running.
+// getProperty is asked on the worker (inside the ready event, and once the
+// reader has ended); stop runs on the worker or, when the instance goes, on
+// the host's thread; resume on any thread but the reader.
 class DemuxerBase {
 public:
     virtual void init(DemuxerPacketCallback packetCallback, DemuxerEventCallback eventCallback, void* userData);

@@ -37,24 +37,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int groups = 1 + in.byte() % 4;
     std::vector<int64_t> asked;
     for (int g = 0; g < groups; ++g) {
-        auto* group = new FrameGroup;
-        auto* sorted = new FrameGroup;
         const int records = 1 + in.byte() % 6;
         for (int r = 0; r < records; ++r) {
-            auto* record = new FrameRecord;
-            record->isKey = r == 0;
             const uint8_t shape = in.byte();
             // Mostly plausible sizes and positions, sometimes absurd ones.
-            record->size = (shape & 1) ? static_cast<int32_t>(in.wide()) : in.byte() * 64;
-            record->position = (shape & 2) ? in.wide() : (shape & 4) ? -1 : in.byte() * 97;
-            record->pts = (shape & 8) ? in.wide() : g * 1000 + r * 40;
-            record->dts = record->pts;
-            group->push_back(record);
-            sorted->push_back(new FrameRecord(*record));
-            if (in.byte() & 1) asked.push_back(record->pts);
+            const int32_t sampleSize = (shape & 1) ? static_cast<int32_t>(in.wide()) : in.byte() * 64;
+            const int64_t position = (shape & 2) ? in.wide() : (shape & 4) ? -1 : in.byte() * 97;
+            const int64_t pts = (shape & 8) ? in.wide() : g * 1000 + r * 40;
+            // The same record in both orders; the sorted groups stay as the fuzzer gave them.
+            if (!impl->addVideoFrame(pts, pts, r == 0, position, sampleSize)) return 0;
+            if (in.byte() & 1) asked.push_back(pts);
         }
-        impl->keyGroups.push_back(group);
-        impl->sortedKeyGroups.push_back(sorted);
     }
     if (asked.empty()) asked.push_back(in.wide());
     impl->askedPts = asked;
@@ -64,8 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     impl->setState(kStateStopped);
     if (impl->decoder) {
         impl->decoder->close();
-        delete impl->decoder;
-        impl->decoder = nullptr;
+        impl->decoder.reset();
     }
     return 0;
 }

@@ -1,7 +1,7 @@
 // The frame index of TessaloImpl: every video sample twice (stream order and
 // presentation order, in groups opened by key samples) and every audio sample.
 #include <algorithm>
-#include <memory>
+#include <new>
 
 #include "edit/FileEditer.h"
 #include "instance/TessaloImpl.h"
@@ -10,52 +10,54 @@ namespace Morvel_Tessalo {
 
 namespace {
 
-std::unique_ptr<FrameRecord> makeRecord(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size) {
-    std::unique_ptr<FrameRecord> record(new FrameRecord());
-    record->isKey = isKey ? 1 : 0;
-    record->size = size;
-    record->pts = pts;
-    record->dts = dts;
-    record->position = position;
+FrameRecord makeRecord(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size) {
+    FrameRecord record;
+    record.isKey = isKey ? 1 : 0;
+    record.size = size;
+    record.pts = pts;
+    record.dts = dts;
+    record.position = position;
     return record;
-}
-
-// Opens a group with `record` or appends it to `current`. A sample without
-// the key mark and with no open group is dropped: the reader never sends one,
-// and a record outside every group would have no meaning for any reader.
-void addToGroups(std::unique_ptr<FrameRecord> record, bool isKey, FrameGroup** current,
-                 std::vector<FrameGroup*>* groups) {
-    if (isKey) {
-        std::unique_ptr<FrameGroup> group(new FrameGroup());
-        group->push_back(record.get());
-        record.release();
-        groups->push_back(group.get());
-        *current = group.release();
-    } else if (*current) {
-        (*current)->push_back(record.get());
-        record.release();
-    }
-}
-
-void deleteGroups(std::vector<FrameGroup*>* groups) {
-    for (FrameGroup* group : *groups) {
-        for (FrameRecord* record : *group) delete record;
-        delete group;
-    }
-    groups->clear();
 }
 
 }  // namespace
 
-void TessaloImpl::addVideoFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size) {
-    addToGroups(makeRecord(pts, dts, isKey, position, size), isKey, &currentSortedGroup, &sortedKeyGroups);
-    addToGroups(makeRecord(pts, dts, isKey, position, size), isKey, &currentKeyGroup, &keyGroups);
+// Opens a group with `record` or appends it to `current`. A sample without
+// the key mark and with no open group is dropped: the reader never sends one,
+// and a record outside every group would have no meaning for any reader.
+void TessaloImpl::addToGroups(const FrameRecord& record, FrameGroup** current, std::vector<FrameGroup*>* groups) {
+    if (!record.isKey && !*current) return;
+    frameRecords.push_back(record);
+    FrameRecord* stored = &frameRecords.back();
+    if (!record.isKey) {
+        (*current)->push_back(stored);
+        return;
+    }
+    // Listed only once it holds its key record: no reader ever sees an empty group.
+    frameGroups.emplace_back(1, stored);
+    groups->push_back(&frameGroups.back());
+    *current = &frameGroups.back();
 }
 
-void TessaloImpl::addAudioFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size) {
-    std::unique_ptr<FrameRecord> record = makeRecord(pts, dts, isKey, position, size);
-    audioFrames.push_back(record.get());
-    record.release();
+bool TessaloImpl::addVideoFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size) {
+    const FrameRecord record = makeRecord(pts, dts, isKey, position, size);
+    try {
+        addToGroups(record, &currentSortedGroup, &sortedKeyGroups);
+        addToGroups(record, &currentKeyGroup, &keyGroups);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+bool TessaloImpl::addAudioFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size) {
+    try {
+        frameRecords.push_back(makeRecord(pts, dts, isKey, position, size));
+        audioFrames.push_back(&frameRecords.back());
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
 }
 
 void TessaloImpl::sortIndex() {
@@ -66,15 +68,16 @@ void TessaloImpl::sortIndex() {
 }
 
 void TessaloImpl::clearIndex() {
-    deleteGroups(&sortedKeyGroups);
-    deleteGroups(&keyGroups);
+    sortedKeyGroups.clear();
+    keyGroups.clear();
     currentSortedGroup = nullptr;
     currentKeyGroup = nullptr;
-    for (FrameRecord* record : audioFrames) delete record;
     audioFrames.clear();
     if (editor) editor->clearFrameIndex();
+    // The lists above point into these; they go last.
+    frameGroups.clear();
+    frameRecords.clear();
 }
-
 // A null `out` writes nothing and gives 0 in the three queries below: the
 // host's block is not optional, but a missing one must not crash the library.
 

@@ -28,10 +28,9 @@ constexpr int kDrainLimit = 256;
 bool TessaloImpl::openDecoder(int32_t size, uint8_t* data) {
     if (decoder) {
         decoder->close();
-        delete decoder;
-        decoder = nullptr;
+        decoder.reset();
     }
-    decoder = new (std::nothrow) SoftMediaDecoderImpl(kMediaKindVideo);
+    decoder.reset(new (std::nothrow) SoftMediaDecoderImpl(kMediaKindVideo));
     if (!decoder) return false;
     decoder->setParameter(kDecoderParamExtraSize, &size);
     decoder->setParameter(kDecoderParamExtraData, data);
@@ -141,11 +140,17 @@ bool TessaloImpl::fetchPictures() {
     ReadWindow window;
     window.file = closer.file;
     window.buffer = readBuffer.get();
+    return feedPlan(&plan, &window);
+}
+
+// Every sample of the plan through the decoder, then what the decoder still
+// holds; asked pictures that never came are reported missing at the end.
+bool TessaloImpl::feedPlan(FetchPlan* plan, ReadWindow* window) {
     bool restart = false;
-    const FrameRecord* sample = plan.next(&restart);
+    const FrameRecord* sample = plan->next(&restart);
     // A position of -1 means the demuxer knew none: the bytes at the start of
     // the file would not be this sample, so the request fails as a read would.
-    if (!sample || !window.fill(sample->position)) {
+    if (!sample || !window->fill(sample->position)) {
         notifyHost(kHostEventFileError);
         return false;
     }
@@ -153,12 +158,12 @@ bool TessaloImpl::fetchPictures() {
         if (restart) restartDecoder();
         // Samples under 4 bytes carry no picture. A sample that the buffer
         // does not hold whole (the file ended inside it) is not fed either.
-        if (sample->size >= 4 && window.holds(sample->size)) {
-            decoder->inputData(window.buffer + window.sampleOffset, sample->size, sample->pts, sample->dts);
+        if (sample->size >= 4 && window->holds(sample->size)) {
+            decoder->inputData(window->buffer + window->sampleOffset, sample->size, sample->pts, sample->dts);
             receivePicture();
         }
-        sample = plan.next(&restart);
-        if (!sample || !window.bring(sample->position, sample->size)) break;
+        sample = plan->next(&restart);
+        if (!sample || !window->bring(sample->position, sample->size)) break;
     }
     if (isStopped()) return true;
     // The samples ran out before every asked picture came: the decoder still

@@ -4,7 +4,7 @@
 #include <new>
 #include <system_error>
 
-#include "base/Log.h"
+#include "base/ByteCopy.h"
 #include "decode/DecoderBase.h"
 #include "demux/DemuxerAVImpl.h"
 #include "edit/FileEditer.h"
@@ -16,39 +16,19 @@ namespace {
 // The instance whose callback this thread is inside, if any.
 thread_local const TessaloImpl* notifying = nullptr;
 
-// Copies `size` bytes of a block that the demuxer owns into one of our own.
-// A missing source, a size of 0 or below, or no memory leave an empty copy
-// with size 0, so later users never see a size without bytes.
-void copyBlock(const uint8_t* source, int32_t* size, std::unique_ptr<uint8_t[]>* block) {
-    block->reset();
-    if (!source || *size <= 0) {
-        *size = 0;
-        return;
-    }
-    block->reset(new (std::nothrow) uint8_t[static_cast<size_t>(*size)]);
-    if (!*block) {
-        Log("TessaloImpl", "no memory for %d bytes of extra data", *size);
-        *size = 0;
-        return;
-    }
-    std::memcpy(block->get(), source, static_cast<size_t>(*size));
-}
-
 }  // namespace
 
 TessaloImpl::TessaloImpl(void* user, TessaloCallback callback) : userData(user), hostCallback(callback) {
     // Without memory for the cut engine the instance still indexes and
     // delivers pictures; the cut exports then answer as for a null handle.
-    editor = new (std::nothrow) FileEditer(&TessaloImpl::onEditerNotify, this);
+    editor.reset(new (std::nothrow) FileEditer(&TessaloImpl::onEditerNotify, this));
 }
 
 TessaloImpl::~TessaloImpl() {
     setState(kStateStopped);
     stopWorker();
-    delete demuxer;
-    demuxer = nullptr;
-    delete decoder;
-    decoder = nullptr;
+    demuxer.reset();
+    decoder.reset();
     if (editor) {
         editor->stopCut();
         editor->releaseCut();
@@ -59,8 +39,7 @@ TessaloImpl::~TessaloImpl() {
     extraData.reset();
     annexBExtraData.reset();
     askedPts.clear();
-    delete editor;
-    editor = nullptr;
+    editor.reset();
 }
 
 void TessaloImpl::notifyHost(int32_t event) {
@@ -162,14 +141,12 @@ void TessaloImpl::releaseWorkerObjects() {
     if (demuxer) {
         demuxer->stop();
         demuxer->getProperty(kDemuxerPropIndexOrigins, &indexOrigins);  // the reader has ended
-        delete demuxer;
+        demuxer.reset();
     }
     if (decoder) {
         decoder->close();
-        delete decoder;
+        decoder.reset();
     }
-    demuxer = nullptr;
-    decoder = nullptr;
 }
 
 void TessaloImpl::runWorker() {
@@ -211,10 +188,9 @@ void TessaloImpl::runWorker() {
 bool TessaloImpl::openDemuxer() {
     if (demuxer) {
         demuxer->stop();
-        delete demuxer;
-        demuxer = nullptr;
+        demuxer.reset();
     }
-    demuxer = new (std::nothrow) DemuxerAVImpl();
+    demuxer.reset(new (std::nothrow) DemuxerAVImpl());
     if (!demuxer) {
         notifyHost(kHostEventError);
         return false;
@@ -248,12 +224,12 @@ void TessaloImpl::readMediaInfo() {
     uint8_t* bytes = nullptr;
     demuxer->getProperty(kDemuxerPropExtraDataSize, &extraDataSize);
     demuxer->getProperty(kDemuxerPropExtraData, &bytes);
-    copyBlock(bytes, &extraDataSize, &extraData);
+    extraData = copyBytes(bytes, extraDataSize, &extraDataSize);
 
     bytes = nullptr;
     demuxer->getProperty(kDemuxerPropAnnexBExtraDataSize, &annexBExtraDataSize);
     demuxer->getProperty(kDemuxerPropAnnexBExtraData, &bytes);
-    copyBlock(bytes, &annexBExtraDataSize, &annexBExtraData);
+    annexBExtraData = copyBytes(bytes, annexBExtraDataSize, &annexBExtraDataSize);
 
     videoTrackInfo.width = mediaInfo.width;
     videoTrackInfo.height = mediaInfo.height;
@@ -303,19 +279,17 @@ void TessaloImpl::wakeWorker() {
 int TessaloImpl::onDemuxerPacket(int kind, DemuxerPacket* packet, void* user) {
     auto* self = static_cast<TessaloImpl*>(user);
     if (!self || !packet) return 1;
-    try {
-        if (kind == kDemuxerPacketVideo) {
-            self->addVideoFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
-        } else if (kind == kDemuxerPacketAudio) {
-            self->addAudioFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
-        }
-    } catch (const std::bad_alloc&) {
-        // The index cannot grow: the walk fails as after repeated read
-        // failures, and the reader pauses until the walk is stopped.
-        self->notifyHost(kHostEventError);
-        return 0;
+    bool added = true;
+    if (kind == kDemuxerPacketVideo) {
+        added = self->addVideoFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
+    } else if (kind == kDemuxerPacketAudio) {
+        added = self->addAudioFrame(packet->pts, packet->dts, packet->key, packet->pos, packet->size);
     }
-    return 1;
+    if (added) return 1;
+    // The index cannot grow: the walk fails as after repeated read failures,
+    // and the reader pauses until the walk is stopped.
+    self->notifyHost(kHostEventError);
+    return 0;
 }
 
 void TessaloImpl::onDemuxerEvent(int kind, int detail, void*, void* user) {

@@ -3,6 +3,7 @@
 // a time, the frame index of the current file and the current picture.
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -22,6 +23,7 @@ class DecoderBase;
 class FileEditer;
 class FetchPlan;
 class KeyProbe;
+struct ReadWindow;
 struct DemuxerPacket;
 
 // Values of TessaloImpl::state.
@@ -47,29 +49,44 @@ public:
     // export that waits for the library's threads may run.
     bool insideCallback() const;
 
-    // Worker thread.
+    // The worker's life, on the host's thread: startWorker marks the
+    // request running and starts the worker; stopWorker marks it stopped,
+    // wakes the worker and joins it.
     bool startWorker();
     void stopWorker();
+
+    // Worker thread: the body of one request, walk or fetch.
     void workerMain();
     bool openDemuxer();
-    void readMediaInfo();
+    // The walk's sleep until the reader has ended or the request is stopped.
+    void waitForIndex();
+
+    // Any thread (host, worker, reader): the request's state under stateMutex.
     void setState(int32_t value);
     bool isStopped();
     // Running becomes fetching, and nothing else does: a stop that came
     // first stays. False when the request has been given up.
     bool enterFetching();
-    void waitForIndex();
+    // Wakes a worker sleeping in waitForIndex (host's or reader thread).
     void wakeWorker();
 
-    // Reports from the demuxer (user data: the instance) and the cut engine.
+    // Reports from the demuxer (user data: the instance): packets on the
+    // reader thread, events on the reader thread or, while the demuxer
+    // starts, on the worker. Reports of the cut engine come on the cut
+    // thread (a failure) or the muxer's writing thread (done).
     static int onDemuxerPacket(int kind, DemuxerPacket* packet, void* user);
     static void onDemuxerEvent(int kind, int detail, void* data, void* user);
     static void onEditerNotify(void* context, int32_t code);
+    // Worker thread, inside the demuxer's ready event.
+    void readMediaInfo();
 
-    // Frame index.
-    void addVideoFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size);
-    void addAudioFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size);
+    // Frame index. The reader thread adds and sorts; false from an add
+    // means no memory (the sample may then be in one order and not the
+    // other), after which the walk fails.
+    bool addVideoFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size);
+    bool addAudioFrame(int64_t pts, int64_t dts, bool isKey, int64_t position, int32_t size);
     void sortIndex();
+    // Host's thread, with no worker running.
     void clearIndex();
     int32_t getKeyPts(int64_t* out);
     int32_t getPtsCountByKeyPts(int64_t keyPts);
@@ -83,21 +100,26 @@ public:
     // decoder failed, 0 nothing came.
     int32_t receivePicture();
 
-    // Sends one host event; no lock may be held by the caller.
+    // Sends one host event, on whichever thread raised it; no lock may be
+    // held by the caller.
     void notifyHost(int32_t event);
 
     void* userData = nullptr;
     TessaloCallback hostCallback = nullptr;
-    DemuxerBase* demuxer = nullptr;  // owned
-    DecoderBase* decoder = nullptr;  // owned
+    std::unique_ptr<DemuxerBase> demuxer;
+    std::unique_ptr<DecoderBase> decoder;
     bool fetchMode = false;
     std::unique_ptr<char[]> path;  // UTF-8, as the host gave it
     std::vector<int64_t> askedPts;
-    std::vector<FrameGroup*> keyGroups;        // owned, stream order
-    std::vector<FrameGroup*> sortedKeyGroups;  // owned, each group sorted by pts once the walk ended
+    std::vector<FrameGroup*> keyGroups;        // stream order
+    std::vector<FrameGroup*> sortedKeyGroups;  // each group sorted by pts once the walk ended
     FrameGroup* currentSortedGroup = nullptr;
     FrameGroup* currentKeyGroup = nullptr;
-    std::vector<FrameRecord*> audioFrames;  // owned
+    std::vector<FrameRecord*> audioFrames;
+    // What the lists above point at: a deque keeps every element in place as
+    // it grows, and clearIndex empties them last.
+    std::deque<FrameRecord> frameRecords;
+    std::deque<FrameGroup> frameGroups;
     std::unique_ptr<std::thread> worker;
     std::mutex stateMutex;
     std::mutex wakeMutex;
@@ -125,13 +147,17 @@ public:
     // Where the index's video and audio timelines start in the file, kept from
     // the walk's demuxer for the cut engine (which keeps the source's sync).
     IndexOrigins indexOrigins{};
-    FileEditer* editor = nullptr;  // owned, made by the constructor
+    std::unique_ptr<FileEditer> editor;  // made by the constructor
 
 private:
+    // Reader thread.
+    void addToGroups(const FrameRecord& record, FrameGroup** current, std::vector<FrameGroup*>* groups);
+    // Worker thread.
     void runWorker();
     void releaseWorkerObjects();
     void planKeys(FetchPlan* plan, KeyProbe* probe);
     void planRun(FetchPlan* plan, KeyProbe* probe);
+    bool feedPlan(FetchPlan* plan, ReadWindow* window);
     void restartDecoder();
     void drainDecoder();
     void answerPicture();

@@ -8,6 +8,11 @@
 // (audio first), start, hand over samples, stop. The base operations hold the
 // state machine and complain about a wrong calling order; implementations
 // call them first.
+//
+// Threads: the cut engine names the output, declares the tracks, sets the
+// notify and starts on the host's thread (TSL_CutFile); WriteSampleData runs
+// on the cut thread; stop runs on whichever thread ends the job (the cut
+// thread, or the host's in TSL_CancelFile). The calls never overlap.
 class FileMuxer {
 public:
     // 0 under construction, 1 ready, 2 started, 3 stopped.

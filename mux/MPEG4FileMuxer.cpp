@@ -37,10 +37,6 @@ MPEG4FileMuxer::MPEG4FileMuxer()
     state = 1;
     installFFmpegLogSink();
     avformat_network_init();
-    pthread_mutex_init(&audioMutex, nullptr);
-    pthread_mutex_init(&videoMutex, nullptr);
-    pthread_cond_init(&audioRoom, nullptr);
-    pthread_cond_init(&videoRoom, nullptr);
     // A failed allocation leaves a ring that refuses every sample (-12 from push).
     audioQueue.allocBuffers(kAudioElementSize);
     videoQueue.allocBuffers(kVideoElementSize);
@@ -51,18 +47,13 @@ MPEG4FileMuxer::~MPEG4FileMuxer() {
     // way stop would, so that nothing runs on freed fields.
     if (muxerThread) {
         muxerThread->stopAndJoin();
-        delete muxerThread;
-        muxerThread = nullptr;
+        muxerThread.reset();
     }
     aacFilter.reset();
     audioCodecContext.reset();
     videoCodecContext.reset();
     formatContext.reset();
     avformat_network_deinit();
-    pthread_cond_destroy(&audioRoom);
-    pthread_cond_destroy(&videoRoom);
-    pthread_mutex_destroy(&audioMutex);
-    pthread_mutex_destroy(&videoMutex);
 }
 
 void MPEG4FileMuxer::setNotify(FileMuxerNotify* n) { notify = n; }
@@ -114,6 +105,14 @@ int32_t MPEG4FileMuxer::setOutputFile(const char* path) {
     return kOk;
 }
 
+AVStream* MPEG4FileMuxer::newTrackStream(AVCodecID codec, const AVCodec** encoder) {
+    *encoder = avcodec_find_encoder(codec);
+    if (!*encoder) return nullptr;
+    AVStream* stream = avformat_new_stream(formatContext.get(), *encoder);
+    if (stream) stream->id = static_cast<int>(formatContext->nb_streams) - 1;
+    return stream;
+}
+
 int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     if (!info) return kErrInvalidArgument;
     if (info->codecType != 1) return kErrNotFound;
@@ -121,12 +120,9 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     // there is no stream to make.
     if (!formatContext || videoStream || state != 1) return kErrInvalidArgument;
 
-    videoEncoder = avcodec_find_encoder(AV_CODEC_ID_H264);
-    if (!videoEncoder) return kErrInvalidArgument;
-    AVStream* stream = avformat_new_stream(formatContext.get(), videoEncoder);
+    AVStream* stream = newTrackStream(AV_CODEC_ID_H264, &videoEncoder);
     if (!stream) return kErrInvalidArgument;
     videoStream = stream;
-    stream->id = static_cast<int>(formatContext->nb_streams) - 1;
 
     CodecContextHolder context(avcodec_alloc_context3(videoEncoder));
     if (!context) return kErrGeneric;
@@ -150,14 +146,9 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     context->height = info->height + (info->height & 1);
     // One thread is enough for an encoder that encodes nothing.
     context->thread_count = 1;
-    if (info->extraData && info->extraDataSize > 0) {
-        const size_t size = static_cast<size_t>(info->extraDataSize);
-        auto* copy = static_cast<uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
-        if (!copy) return kErrGeneric;
-        std::memcpy(copy, info->extraData, size);
-        context->extradata = copy;
-        context->extradata_size = info->extraDataSize;
-    }
+    if (info->extraData && info->extraDataSize > 0 &&
+        !replaceExtraData(context.get(), info->extraData, info->extraDataSize))
+        return kErrGeneric;
 
     if (avcodec_open2(context.get(), videoEncoder, nullptr) < 0) return kErrGeneric;
     if (avcodec_parameters_from_context(stream->codecpar, context.get()) < 0) return kErrGeneric;
@@ -173,12 +164,9 @@ int32_t MPEG4FileMuxer::addAudioTrack(const AudioTrackInfo* info) {
     if (info->codecType != 1) return kErrNotFound;
     if (!formatContext || audioStream || state != 1) return kErrInvalidArgument;
 
-    audioEncoder = avcodec_find_encoder(AV_CODEC_ID_AAC);
-    if (!audioEncoder) return kErrInvalidArgument;
-    AVStream* stream = avformat_new_stream(formatContext.get(), audioEncoder);
+    AVStream* stream = newTrackStream(AV_CODEC_ID_AAC, &audioEncoder);
     if (!stream) return kErrInvalidArgument;
     audioStream = stream;
-    stream->id = static_cast<int>(formatContext->nb_streams) - 1;
 
     CodecContextHolder context(avcodec_alloc_context3(audioEncoder));
     if (!context) return kErrGeneric;
@@ -244,13 +232,9 @@ int32_t MPEG4FileMuxer::start() {
         }
     }
 
-    auto* thread = new (std::nothrow) MPEG4MuxerThread(this);
-    if (!thread) return kErrGeneric;
-    if (!thread->startThread()) {
-        delete thread;
-        return kErrGeneric;
-    }
-    muxerThread = thread;
+    std::unique_ptr<MPEG4MuxerThread> thread(new (std::nothrow) MPEG4MuxerThread(this));
+    if (!thread || !thread->startThread()) return kErrGeneric;
+    muxerThread = std::move(thread);
     return kOk;
 }
 
@@ -270,17 +254,14 @@ int32_t MPEG4FileMuxer::WriteSampleData(const uint8_t* data, int32_t size, int32
     if (dts < lastDts && lastDts > 0) return kErrInvalidArgument;
     lastDts = dts;
 
-    pthread_mutex_t* mutex = audio ? &audioMutex : &videoMutex;
-    pthread_cond_t* room = audio ? &audioRoom : &videoRoom;
+    std::condition_variable& room = audio ? audioRoom : videoRoom;
     BaseBufferQueue& queue = audio ? audioQueue : videoQueue;
-    pthread_mutex_lock(mutex);
+    std::unique_lock<std::mutex> lock(audio ? audioMutex : videoMutex);
     // A writer that has failed drains nothing more into the file: waiting for
     // room would hold the caller until stop, so it is told at once.
-    while (queue.count == queue.capacity && !fileFailed.load()) pthread_cond_wait(room, mutex);
+    room.wait(lock, [&] { return queue.count < queue.capacity || fileFailed.load(); });
     // push's refusal (oversize or null bytes) is passed on: it names the reason.
-    const int32_t result = fileFailed.load() ? kErrFileIo : queue.push(&buffer);
-    pthread_mutex_unlock(mutex);
-    return result;
+    return fileFailed.load() ? kErrFileIo : queue.push(&buffer);
 }
 
 int32_t MPEG4FileMuxer::stop() {
@@ -288,8 +269,7 @@ int32_t MPEG4FileMuxer::stop() {
     const bool started = muxerThread != nullptr;
     if (muxerThread) {
         muxerThread->stopAndJoin();
-        delete muxerThread;
-        muxerThread = nullptr;
+        muxerThread.reset();
     }
     // With no thread (the header or the thread start failed) the file is
     // closed by the context's holder below and has no trailer.

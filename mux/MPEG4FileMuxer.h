@@ -1,9 +1,9 @@
 #pragma once
-#include <pthread.h>
-
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "base/BaseBufferQueue.h"
 #include "base/ThreadMutex.h"
@@ -24,7 +24,9 @@ class MPEG4MuxerThread;
 // for room, and stop() returns kErrFileIo.
 //
 // The fields are public because MPEG4MuxerThread works on them directly; the
-// rings and their mutex/condition pairs are the only state the two threads share.
+// rings and their mutex/condition pairs are the only state the two threads
+// share. Each operation runs on the thread FileMuxer names for it; the
+// writing thread runs MPEG4MuxerThread::run only.
 class MPEG4FileMuxer : public FileMuxer {
 public:
     // Ring geometry: the largest samples that can reach the file.
@@ -60,10 +62,12 @@ public:
     CodecContextHolder videoCodecContext;
     CodecContextHolder audioCodecContext;
     BitstreamFilterHolder aacFilter;
-    pthread_mutex_t audioMutex;
-    pthread_mutex_t videoMutex;
-    pthread_cond_t audioRoom;
-    pthread_cond_t videoRoom;
+    // Each guards its track's ring; the writing thread takes audio's first.
+    std::mutex audioMutex;
+    std::mutex videoMutex;
+    // Signalled when the writing thread has freed an element of the ring.
+    std::condition_variable audioRoom;
+    std::condition_variable videoRoom;
     BaseBufferQueue videoQueue;
     BaseBufferQueue audioQueue;
     const char* outputPath = nullptr;
@@ -72,9 +76,14 @@ public:
     bool hasAudio = false;
     bool hasVideo = false;
     ThreadMutex threadMutex;
-    MPEG4MuxerThread* muxerThread = nullptr;
+    std::unique_ptr<MPEG4MuxerThread> muxerThread;
     // Set by the writing thread when the file could not be written, under the
     // ring mutexes it holds; from then on samples are refused with kErrFileIo
     // and a caller waiting for room is woken.
     std::atomic<bool> fileFailed{false};
+
+private:
+    // The encoder of `codec` and a new stream for it, numbered by its place;
+    // null when either cannot be had.
+    AVStream* newTrackStream(AVCodecID codec, const AVCodec** encoder);
 };

@@ -80,7 +80,7 @@ void MPEG4MuxerThread::finishFile() {
         // error read here, so that no byte is lost unnoticed.
         avio_flush(context->pb);
         good = good && context->pb->error >= 0;
-        good = avio_closep(&context->pb) >= 0 && good;
+        good = closeOutputFile(context) >= 0 && good;
     }
     if (!good) owner->fileFailed.store(true);
 }
@@ -100,16 +100,16 @@ bool MPEG4MuxerThread::failsTheFile(int result) const {
 
 void MPEG4MuxerThread::fail() {
     owner->fileFailed.store(true);
-    pthread_cond_broadcast(&owner->audioRoom);
-    pthread_cond_broadcast(&owner->videoRoom);
+    owner->audioRoom.notify_all();
+    owner->videoRoom.notify_all();
 }
 
 bool MPEG4MuxerThread::turnBothTracks(bool* wrote) {
     BaseBufferQueue& audio = owner->audioQueue;
     BaseBufferQueue& video = owner->videoQueue;
-    pthread_mutex_lock(&owner->audioMutex);
+    std::unique_lock<std::mutex> audioLock(owner->audioMutex);
     const bool audioEmpty = audio.count == 0;
-    pthread_mutex_lock(&owner->videoMutex);
+    std::unique_lock<std::mutex> videoLock(owner->videoMutex);
     const bool videoEmpty = video.count == 0;
     // Read under the ring mutexes: a stop seen here comes after every push
     // that the caller made, so rings found empty now stay empty.
@@ -131,24 +131,16 @@ bool MPEG4MuxerThread::turnBothTracks(bool* wrote) {
         writeHead(track);
         *wrote = true;
     }
-    pthread_mutex_unlock(&owner->audioMutex);
-    pthread_mutex_unlock(&owner->videoMutex);
     return audioEmpty && videoEmpty && stopping;
 }
 
 bool MPEG4MuxerThread::turnOneTrack(int32_t track, bool* wrote) {
     const bool isAudio = track == kTrackAudio;
-    pthread_mutex_t* mutex = isAudio ? &owner->audioMutex : &owner->videoMutex;
     BaseBufferQueue& queue = isAudio ? owner->audioQueue : owner->videoQueue;
-    pthread_mutex_lock(mutex);
-    if (queue.count == 0) {
-        const bool stopping = stopRequested.load();
-        pthread_mutex_unlock(mutex);
-        return stopping;
-    }
+    std::lock_guard<std::mutex> lock(isAudio ? owner->audioMutex : owner->videoMutex);
+    if (queue.count == 0) return stopRequested.load();
     writeHead(track);
     *wrote = true;
-    pthread_mutex_unlock(mutex);
     return false;
 }
 
@@ -170,7 +162,7 @@ void MPEG4MuxerThread::writeHead(int32_t track) {
         if (++queue.readIndex == queue.capacity) queue.readIndex = 0;
         --queue.count;
     }
-    pthread_cond_broadcast(isAudio ? &owner->audioRoom : &owner->videoRoom);
+    (isAudio ? owner->audioRoom : owner->videoRoom).notify_all();
 }
 
 int MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts,

@@ -19,7 +19,9 @@ class MPEG4FileMuxer;
 // and no trailer is written.
 class MPEG4MuxerThread : public BaseThread {
 public:
+    // Made and started by the owner's start, on the host's thread.
     explicit MPEG4MuxerThread(MPEG4FileMuxer* owner);
+    // The writing thread's body; every private operation below runs inside it.
     void run() override;
 
     MPEG4FileMuxer* owner;

@@ -4,7 +4,8 @@
 
 // The few file calls the picture and cut paths need, with the calling shapes
 // they were designed around: wide paths, moves by signed 32-bit distances and
-// reads that report how many bytes came.
+// reads that report how many bytes came. Any thread; a handle is used by one
+// thread at a time (the worker's reads, the cut thread's, the reader's).
 struct PlatformFile {
     int fd = -1;
     bool isOpen() const { return fd >= 0; }

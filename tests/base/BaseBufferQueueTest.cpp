@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -88,12 +89,11 @@ public:
 TEST(BaseThread, RunsUntilAskedToStopAndEntryIgnoresNull) {
     EXPECT_EQ(threadEntry(nullptr), nullptr);
     auto* thread = new CountingThread;
+    std::unique_ptr<BaseThread> base(thread);  // goes through the virtual destructor
     ASSERT_TRUE(thread->startThread());
     while (thread->turns.load() == 0) {}
     thread->stopAndJoin();
     EXPECT_TRUE(thread->finished.load()) << "returned before the thread ended";
-    BaseThread* base = thread;
-    delete base;  // through the virtual destructor
 }
 
 }  // namespace

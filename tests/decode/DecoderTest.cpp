@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/BasePacket.h"
+#include "base/FFmpegHolders.h"
 #include "base/Results.h"
 #include "decode/SoftMediaDecoder.h"
 #include "decode/SoftMediaDecoderImpl.h"
@@ -87,7 +88,7 @@ struct ScriptedCodec : BaseCodec {
 TEST(SoftMediaDecoderImpl, PacksPlanesIntoOneBlock) {
     SoftMediaDecoderImpl d(kMediaKindVideo);
     auto* codec = new ScriptedCodec;
-    delete std::exchange(d.codec, codec);
+    d.codec.reset(codec);
     // Y rows, then U, then V, without the stride tails.
     const std::vector<uint8_t> packed6x4{0,    1,    2,    3,    4,    5,    8,    9,    10,   11,   12,   13,
                                          16,   17,   18,   19,   20,   21,   24,   25,   26,   27,   28,   29,
@@ -122,7 +123,7 @@ TEST(SoftMediaDecoderImpl, PacksPlanesIntoOneBlock) {
 TEST(SoftMediaDecoderImpl, PacksOtherLayoutsAndSaysWhatTheyAre) {
     SoftMediaDecoderImpl d(kMediaKindVideo);
     auto* codec = new ScriptedCodec;
-    delete std::exchange(d.codec, codec);
+    d.codec.reset(codec);
     VideoPacket packet;
     // 4:2:2, 10 bits, 5 x 3: rows of 10 and 6 bytes, chroma three columns wide.
     codec->shape(10, 3, 4);  // luma: 3 rows of 10 bytes, 5 two-byte samples each
@@ -155,8 +156,9 @@ TEST(SoftMediaDecoderImpl, PacksOtherLayoutsAndSaysWhatTheyAre) {
 
 // Real AAC frames come out as interleaved 16-bit stereo, equal to ffmpeg's own conversion.
 TEST(SoftMediaDecoderImpl, AudioIsConvertedToInterleavedStereo) {
-    AVFormatContext* fmt = nullptr;
-    ASSERT_GE(avformat_open_input(&fmt, kMain.c_str(), nullptr, nullptr), 0);
+    const InputFormatHolder input = openInput(kMain.c_str());
+    AVFormatContext* fmt = input.get();
+    ASSERT_TRUE(fmt);
     ASSERT_GE(avformat_find_stream_info(fmt, nullptr), 0);
     const int index = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
     ASSERT_GE(index, 0);
@@ -179,7 +181,6 @@ TEST(SoftMediaDecoderImpl, AudioIsConvertedToInterleavedStereo) {
         std::memcpy(pcm.data() + frames++ * 2048, packet.data, packet.size);
     }
     EXPECT_EQ(d.close(), kOk);
-    avformat_close_input(&fmt);
     ASSERT_EQ(frames, 20u);
     // ffmpeg without its priming skip, so that frame k is samples [2048k, 2048(k+1)).
     const std::string bytes = tsltest::run("ffmpeg -v error -flags2 +skip_manual -i " + tsltest::shellQuote(kMain) +

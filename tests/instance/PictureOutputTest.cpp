@@ -37,7 +37,7 @@ struct Output {
     // The bytes as the decoder's packed 8-bit 4:2:0 picture of w x h.
     void convert(const std::vector<uint8_t>& src, int w, int h, int32_t format) {
         VideoPacket picture;
-        picture.data = static_cast<uint8_t*>(av_malloc(src.size()));
+        ASSERT_TRUE(picture.replaceBlock(static_cast<uint32_t>(src.size())));
         picture.size = static_cast<uint32_t>(src.size());
         std::memcpy(picture.data, src.data(), src.size());
         picture.width = w;

@@ -11,6 +11,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "base/FFmpegHolders.h"
 #include "mux/TrackInfo.h"
 
 namespace muxfixture {
@@ -35,9 +36,9 @@ struct Clip {
 
 // Fills `clip` from the best H.264 and AAC streams of `path`; "" on success, else what went wrong.
 inline std::string readClip(const std::string& path, Clip* clip) {
-    AVFormatContext* input = nullptr;
-    if (avformat_open_input(&input, path.c_str(), nullptr, nullptr) < 0) return "cannot open " + path;
-    std::unique_ptr<AVFormatContext*, void (*)(AVFormatContext**)> closer(&input, avformat_close_input);
+    const InputFormatHolder holder = openInput(path.c_str());
+    AVFormatContext* input = holder.get();
+    if (!input) return "cannot open " + path;
     const int video = avformat_find_stream_info(input, nullptr) < 0
                           ? -1 : av_find_best_stream(input, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
     const int audio = av_find_best_stream(input, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
@@ -45,10 +46,11 @@ inline std::string readClip(const std::string& path, Clip* clip) {
     if (!vp || vp->codec_id != AV_CODEC_ID_H264 || vp->extradata_size < 7) return "no avcC H.264 video";
     AVBSFContext* bsf = nullptr;
     const AVBitStreamFilter* filter = av_bsf_get_by_name("h264_mp4toannexb");
-    if (filter && av_bsf_alloc(filter, &bsf) >= 0 &&
-        avcodec_parameters_copy(bsf->par_in, vp) >= 0 && av_bsf_init(bsf) >= 0)
-        clip->annexB.assign(bsf->par_out->extradata, bsf->par_out->extradata + bsf->par_out->extradata_size);
-    av_bsf_free(&bsf);
+    if (filter && av_bsf_alloc(filter, &bsf) >= 0) {
+        const BitstreamFilterHolder owned(bsf);
+        if (avcodec_parameters_copy(bsf->par_in, vp) >= 0 && av_bsf_init(bsf) >= 0)
+            clip->annexB.assign(bsf->par_out->extradata, bsf->par_out->extradata + bsf->par_out->extradata_size);
+    }
     if (clip->annexB.empty()) return "h264_mp4toannexb failed";
     const AVRational rate = input->streams[video]->avg_frame_rate;
     clip->width = vp->width;
@@ -60,9 +62,8 @@ inline std::string readClip(const std::string& path, Clip* clip) {
         clip->channels = ap->ch_layout.nb_channels;
     }
     const int prefix = (vp->extradata[4] & 3) + 1;
-    auto freePacket = [](AVPacket* p) { av_packet_free(&p); };
-    std::unique_ptr<AVPacket, decltype(freePacket)> holder(av_packet_alloc(), freePacket);
-    for (AVPacket* p = holder.get(); av_read_frame(input, p) >= 0; av_packet_unref(p)) {
+    const PacketHolder packet(av_packet_alloc());
+    for (AVPacket* p = packet.get(); av_read_frame(input, p) >= 0; av_packet_unref(p)) {
         const bool isVideo = p->stream_index == video;
         if (!isVideo && !(clip->hasAudio && p->stream_index == audio)) continue;
         const AVRational tb = input->streams[p->stream_index]->time_base;

@@ -90,8 +90,8 @@ struct Session : FileMuxerNotify {
     }
     std::vector<Written> written() { std::lock_guard<std::mutex> lock(mutex); return log; }
     void onMuxComplete() override {  // must come with both ring mutexes free
-        for (pthread_mutex_t* ring : {&muxer.audioMutex, &muxer.videoMutex})
-            pthread_mutex_trylock(ring) == 0 ? void(pthread_mutex_unlock(ring)) : void(lockHeld = true);
+        for (std::mutex* ring : {&muxer.audioMutex, &muxer.videoMutex})
+            ring->try_lock() ? ring->unlock() : void(lockHeld = true);
         ++calls;
     }
     static void observe(void* user, const AVPacket* p) {
@@ -272,7 +272,7 @@ TEST(Mux, OversizeVideoSampleNeverReachesTheFile) {
 TEST(Mux, FullRingBlocksUntilTheThreadHasWrittenOne) {
     Session r(tsltest::scratchDir() + "/out.mp4");
     r.start();
-    pthread_mutex_lock(&r.muxer.audioMutex);  // the thread takes this one first
+    r.muxer.audioMutex.lock();  // the thread takes this one first
     std::atomic<int> returned{0};
     std::thread caller([&] {
         for (int i = 0; i < 201 && r.send(kTrackVideo, i * 40, i) == kOk; ++i) ++returned;
@@ -281,7 +281,7 @@ TEST(Mux, FullRingBlocksUntilTheThreadHasWrittenOne) {
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(200, returned.load()) << "the 201st sample did not wait for room";
     EXPECT_TRUE(r.written().empty());
-    pthread_mutex_unlock(&r.muxer.audioMutex);
+    r.muxer.audioMutex.unlock();
     caller.join();
     EXPECT_EQ(201, returned.load());
     r.stop();

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <string>
@@ -105,7 +106,8 @@ void drive(const std::string& media, unsigned seed, std::atomic<int>& runsLeft) 
     const auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
     const auto nap = [&] { std::this_thread::sleep_for(std::chrono::milliseconds(pick(15))); };
     while (runsLeft.fetch_sub(1) > 0) {
-        auto* log = new Log;
+        const auto owned = std::make_unique<Log>();
+        Log* log = owned.get();
         void* handle = TSL_CreateTessalo(log, onEvent);
         log->handle = handle;
         int readyBefore = 0;
@@ -144,7 +146,6 @@ void drive(const std::string& media, unsigned seed, std::atomic<int>& runsLeft) 
         }
         TSL_DestoryTessalo(handle);  // ends every thread: the log is complete now
         if (const char* rule = brokenRule(log->entries)) fail(rule, log->entries);
-        delete log;
     }
 }
 

@@ -18,6 +18,8 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+#include "base/FFmpegHolders.h"
+
 namespace tsltest {
 
 std::string media(const std::string& name) { return std::string(TSL_MEDIA_DIR) + "/" + name; }
@@ -58,7 +60,9 @@ std::string md5(const uint8_t* data, size_t size) {
 std::string fileMd5(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return {};
-    AVMD5* ctx = av_md5_alloc();
+    const AvObjectHolder<AVMD5> holder(av_md5_alloc());
+    AVMD5* ctx = holder.get();
+    if (!ctx) return {};
     av_md5_init(ctx);
     std::vector<char> chunk(1 << 20);
     while (in) {
@@ -67,7 +71,6 @@ std::string fileMd5(const std::string& path) {
     }
     uint8_t digest[16];
     av_md5_final(ctx, digest);
-    av_free(ctx);
     char hex[33];
     for (int i = 0; i < 16; ++i) snprintf(hex + 2 * i, 3, "%02x", digest[i]);
     return hex;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Host.h"
+#include "base/FFmpegHolders.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -33,13 +34,46 @@ struct Facts {
     std::string openError;
     std::vector<Track> tracks;
     bool keyPackets = false;  // an H.264 track has at least one key packet
+    int64_t videoSamples = 0;  // in the tracks the library can index, when asked for
 };
 
-Facts probe(const std::string& path, bool countPackets) {
+bool indexable(const Track& t) { return t.type == AVMEDIA_TYPE_VIDEO && !t.cover; }
+
+// The video samples that the tables declare; -1 when a track declares none.
+int64_t declaredVideoSamples(const AVFormatContext* format) {
+    int64_t total = 0;
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+        const AVStream* s = format->streams[i];
+        if (s->codecpar->codec_type != AVMEDIA_TYPE_VIDEO || (s->disposition & AV_DISPOSITION_ATTACHED_PIC)) continue;
+        if (s->nb_frames <= 0) return -1;
+        total += s->nb_frames;
+    }
+    return total;
+}
+
+enum class Count { nothing, keyPackets, videoSamples };
+
+// Reads packets until the count asked for is known.
+void countPackets(AVFormatContext* format, Count count, Facts* facts) {
+    const PacketHolder holder(av_packet_alloc());
+    AVPacket* packet = holder.get();
+    while (packet && !facts->keyPackets && av_read_frame(format, packet) >= 0) {
+        const Track& t = facts->tracks[static_cast<size_t>(packet->stream_index)];
+        if (count == Count::videoSamples) {
+            facts->videoSamples += indexable(t);
+        } else {
+            facts->keyPackets = indexable(t) && t.codec == AV_CODEC_ID_H264 && (packet->flags & AV_PKT_FLAG_KEY);
+        }
+        av_packet_unref(packet);
+    }
+}
+
+Facts probe(const std::string& path, Count count) {
     Facts facts;
-    AVFormatContext* format = nullptr;
-    const int rc = avformat_open_input(&format, path.c_str(), nullptr, nullptr);
-    if (rc < 0) {
+    int rc = 0;
+    const InputFormatHolder input = openInput(path.c_str(), &rc);
+    AVFormatContext* format = input.get();
+    if (!format) {
         char text[AV_ERROR_MAX_STRING_SIZE] = "";
         av_strerror(rc, text, sizeof text);
         facts.openError = text;
@@ -53,17 +87,11 @@ Facts probe(const std::string& path, bool countPackets) {
                                 (s->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0, s->codecpar->sample_rate,
                                 s->codecpar->ch_layout.nb_channels});
     }
-    if (countPackets) {
-        AVPacket* packet = av_packet_alloc();
-        while (packet && !facts.keyPackets && av_read_frame(format, packet) >= 0) {
-            const Track& t = facts.tracks[static_cast<size_t>(packet->stream_index)];
-            facts.keyPackets = t.type == AVMEDIA_TYPE_VIDEO && t.codec == AV_CODEC_ID_H264 && !t.cover &&
-                               (packet->flags & AV_PKT_FLAG_KEY);
-            av_packet_unref(packet);
-        }
-        av_packet_free(&packet);
+    if (count == Count::videoSamples) facts.videoSamples = declaredVideoSamples(format);
+    if (count == Count::keyPackets || facts.videoSamples < 0) {
+        facts.videoSamples = 0;
+        countPackets(format, count, &facts);
     }
-    avformat_close_input(&format);
     return facts;
 }
 
@@ -111,9 +139,14 @@ void quietFfmpeg() {
     av_log_set_callback([](void*, int, const char*, va_list) {});
 }
 
+int64_t videoSampleCount(const std::string& path) {
+    const Facts f = probe(path, Count::videoSamples);
+    return f.opened ? f.videoSamples : -1;
+}
+
 std::string refusalCause(int32_t event, const std::string& path) {
     quietFfmpeg();  // the library may have set FFmpeg's log up its own way meanwhile
-    const Facts f = probe(path, event == kSilent);
+    const Facts f = probe(path, event == kSilent ? Count::keyPackets : Count::nothing);
     if (event == kHostEventFileError || !f.opened)
         return "cannot open " + path + (f.opened ? "" : ": " + f.openError);
 

@@ -15,6 +15,11 @@ std::string refusalCause(int32_t event, const std::string& path);
 // removed it). `needed`: about the bytes the cut writes.
 std::string writeFailure(const std::string& output, uint64_t needed);
 
+// How many video samples the file's own tables (or, without a count there,
+// its packets) hold: at least as many as the library can have indexed. -1
+// when libavformat cannot open the file.
+int64_t videoSampleCount(const std::string& path);
+
 // Quiets FFmpeg's own log for the program's direct uses of it.
 void quietFfmpeg();
 

@@ -6,6 +6,7 @@
 
 #include "Images.h"
 #include "Times.h"
+#include "base/FFmpegHolders.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -31,21 +32,9 @@ void check(int rc, const char* what) {
 }
 
 struct Codec {
-    AVCodecContext* ctx = nullptr;
+    CodecContextHolder ctx;
     AVStream* stream = nullptr;
-    AVFrame* frame = nullptr;
-    ~Codec() {
-        av_frame_free(&frame);
-        avcodec_free_context(&ctx);
-    }
-};
-
-struct Output {
-    AVFormatContext* fmt = nullptr;
-    ~Output() {
-        if (fmt && !(fmt->oformat->flags & AVFMT_NOFILE)) avio_closep(&fmt->pb);
-        avformat_free_context(fmt);
-    }
+    FrameHolder frame;
 };
 
 // The picture: colour bars sliding sideways, a square bouncing across them,
@@ -109,87 +98,110 @@ void toYuv420(const Image& image, AVFrame* frame) {
         }
 }
 
+[[noreturn]] void outOfMemory() { throw std::runtime_error("making the demo clip: out of memory"); }
+
 // Sends `frame` (null to flush) and writes every packet that comes out.
 void encode(AVFormatContext* fmt, Codec& codec, AVFrame* frame) {
-    check(avcodec_send_frame(codec.ctx, frame), "encoding");
-    std::unique_ptr<AVPacket, void (*)(AVPacket*)> packet(av_packet_alloc(), [](AVPacket* p) { av_packet_free(&p); });
-    if (!packet) throw std::runtime_error("making the demo clip: out of memory");
+    AVCodecContext* context = codec.ctx.get();
+    check(avcodec_send_frame(context, frame), "encoding");
+    const PacketHolder packet(av_packet_alloc());
+    if (!packet) outOfMemory();
     for (;;) {
-        const int rc = avcodec_receive_packet(codec.ctx, packet.get());
+        const int rc = avcodec_receive_packet(context, packet.get());
         if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return;
         check(rc, "encoding");
         // Each picture lasts one frame; without a duration the muxer would
         // end the track's edit list before the last picture is shown.
-        if (packet->duration == 0 && codec.ctx->codec_type == AVMEDIA_TYPE_VIDEO) packet->duration = 1;
-        av_packet_rescale_ts(packet.get(), codec.ctx->time_base, codec.stream->time_base);
+        if (packet->duration == 0 && context->codec_type == AVMEDIA_TYPE_VIDEO) packet->duration = 1;
+        av_packet_rescale_ts(packet.get(), context->time_base, codec.stream->time_base);
         packet->stream_index = codec.stream->index;
         check(av_interleaved_write_frame(fmt, packet.get()), "writing");
     }
 }
 
-void openStream(AVFormatContext* fmt, Codec& codec, const AVCodec* encoder, AVDictionary** options) {
+// Opens the encoder with `options` (which it may rewrite; the holder keeps
+// whatever it leaves) and gives it a stream and a frame.
+void openStream(AVFormatContext* fmt, Codec& codec, const AVCodec* encoder, DictionaryHolder* options) {
     if (fmt->oformat->flags & AVFMT_GLOBALHEADER) codec.ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    check(avcodec_open2(codec.ctx, encoder, options), encoder->name);
+    AVDictionary* raw = options ? options->release() : nullptr;
+    const int rc = avcodec_open2(codec.ctx.get(), encoder, options ? &raw : nullptr);
+    if (options) options->reset(raw);
+    check(rc, encoder->name);
     codec.stream = avformat_new_stream(fmt, nullptr);
-    if (!codec.stream) throw std::runtime_error("making the demo clip: out of memory");
+    if (!codec.stream) outOfMemory();
     codec.stream->time_base = codec.ctx->time_base;
-    check(avcodec_parameters_from_context(codec.stream->codecpar, codec.ctx), "stream parameters");
-    codec.frame = av_frame_alloc();
-    if (!codec.frame) throw std::runtime_error("making the demo clip: out of memory");
+    check(avcodec_parameters_from_context(codec.stream->codecpar, codec.ctx.get()), "stream parameters");
+    codec.frame.reset(av_frame_alloc());
+    if (!codec.frame) outOfMemory();
 }
 
-}  // namespace
+// The encoder called `name`, with a context for it in `codec`.
+const AVCodec* makeEncoderContext(Codec& codec, const char* name) {
+    const AVCodec* encoder = avcodec_find_encoder_by_name(name);
+    if (!encoder) throw std::runtime_error(std::string("making the demo clip: this FFmpeg has no ") + name + " encoder");
+    codec.ctx.reset(avcodec_alloc_context3(encoder));
+    if (!codec.ctx) outOfMemory();
+    return encoder;
+}
 
-void makeDemoClip(const std::string& path, int seconds) {
-    Output out;
-    check(avformat_alloc_output_context2(&out.fmt, nullptr, "mp4", path.c_str()), "output format");
-
-    const AVCodec* h264 = avcodec_find_encoder_by_name("libx264");
-    if (!h264) throw std::runtime_error("making the demo clip: this FFmpeg has no libx264 encoder");
-    Codec video;
-    video.ctx = avcodec_alloc_context3(h264);
-    if (!video.ctx) throw std::runtime_error("making the demo clip: out of memory");
-    video.ctx->width = kWidth;
-    video.ctx->height = kHeight;
-    video.ctx->pix_fmt = AV_PIX_FMT_YUV420P;
-    video.ctx->time_base = AVRational{1, kFps};
-    video.ctx->framerate = AVRational{kFps, 1};
-    video.ctx->gop_size = kFps;  // a key frame every second
-    video.ctx->keyint_min = kFps;
-    video.ctx->max_b_frames = 2;
-    AVDictionary* videoOptions = nullptr;
-    av_dict_set(&videoOptions, "preset", "veryfast", 0);
-    av_dict_set(&videoOptions, "crf", "26", 0);
+// H.264 at 25 pictures a second, a key frame every second, with B-frames.
+void openVideo(AVFormatContext* fmt, Codec& video) {
+    const AVCodec* h264 = makeEncoderContext(video, "libx264");
+    AVCodecContext* c = video.ctx.get();
+    c->width = kWidth;
+    c->height = kHeight;
+    c->pix_fmt = AV_PIX_FMT_YUV420P;
+    c->time_base = AVRational{1, kFps};
+    c->framerate = AVRational{kFps, 1};
+    c->gop_size = kFps;
+    c->keyint_min = kFps;
+    c->max_b_frames = 2;
+    AVDictionary* raw = nullptr;
+    av_dict_set(&raw, "preset", "veryfast", 0);
+    av_dict_set(&raw, "crf", "26", 0);
     // No extra key frames at scene changes: the groups stay one second long.
-    av_dict_set(&videoOptions, "x264-params", "scenecut=0:log=-1", 0);
-    openStream(out.fmt, video, h264, &videoOptions);
-    av_dict_free(&videoOptions);
+    av_dict_set(&raw, "x264-params", "scenecut=0:log=-1", 0);
+    DictionaryHolder options(raw);
+    openStream(fmt, video, h264, &options);
     video.frame->format = AV_PIX_FMT_YUV420P;
     video.frame->width = kWidth;
     video.frame->height = kHeight;
-    check(av_frame_get_buffer(video.frame, 0), "picture buffer");
+    check(av_frame_get_buffer(video.frame.get(), 0), "picture buffer");
+}
 
-    const AVCodec* aac = avcodec_find_encoder_by_name("aac");
-    if (!aac) throw std::runtime_error("making the demo clip: this FFmpeg has no aac encoder");
-    Codec audio;
-    audio.ctx = avcodec_alloc_context3(aac);
-    if (!audio.ctx) throw std::runtime_error("making the demo clip: out of memory");
-    audio.ctx->sample_fmt = AV_SAMPLE_FMT_FLTP;
-    audio.ctx->sample_rate = kSampleRate;
+// AAC stereo at 44.1 kHz.
+void openAudio(AVFormatContext* fmt, Codec& audio) {
+    const AVCodec* aac = makeEncoderContext(audio, "aac");
+    AVCodecContext* c = audio.ctx.get();
+    c->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    c->sample_rate = kSampleRate;
     const AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
-    check(av_channel_layout_copy(&audio.ctx->ch_layout, &stereo), "channel layout");
-    audio.ctx->bit_rate = 128000;
-    audio.ctx->time_base = AVRational{1, kSampleRate};
-    openStream(out.fmt, audio, aac, nullptr);
+    check(av_channel_layout_copy(&c->ch_layout, &stereo), "channel layout");
+    c->bit_rate = 128000;
+    c->time_base = AVRational{1, kSampleRate};
+    openStream(fmt, audio, aac, nullptr);
     audio.frame->format = AV_SAMPLE_FMT_FLTP;
-    audio.frame->nb_samples = audio.ctx->frame_size;
+    audio.frame->nb_samples = c->frame_size;
     audio.frame->sample_rate = kSampleRate;
     check(av_channel_layout_copy(&audio.frame->ch_layout, &stereo), "channel layout");
-    check(av_frame_get_buffer(audio.frame, 0), "sound buffer");
+    check(av_frame_get_buffer(audio.frame.get(), 0), "sound buffer");
+}
 
-    check(avio_open(&out.fmt->pb, path.c_str(), AVIO_FLAG_WRITE), ("cannot write " + path).c_str());
-    check(avformat_write_header(out.fmt, nullptr), "header");
+// One frame of a tone that steps up each second, so the cut's seams can be
+// heard; the phase runs on across steps, so the steps do not click.
+void fillTone(AVFrame* frame, int64_t firstSample, double* phase) {
+    for (int i = 0; i < frame->nb_samples; ++i) {
+        const double t = static_cast<double>(firstSample + i) / kSampleRate;
+        const double pitch = 440.0 * std::pow(2.0, (static_cast<int>(t) % 5) / 12.0);
+        *phase = std::fmod(*phase + 2 * M_PI * pitch / kSampleRate, 2 * M_PI);
+        const float v = static_cast<float>(0.25 * std::sin(*phase));
+        reinterpret_cast<float*>(frame->data[0])[i] = v;
+        reinterpret_cast<float*>(frame->data[1])[i] = v;
+    }
+}
 
+// Pictures and sound in time order, then both encoders flushed.
+void writeSamples(AVFormatContext* fmt, Codec& video, Codec& audio, int seconds) {
     const int64_t frames = static_cast<int64_t>(seconds) * kFps;
     const int64_t samples = static_cast<int64_t>(seconds) * kSampleRate;
     Image picture{kWidth, kHeight, std::vector<uint8_t>(static_cast<size_t>(kWidth) * kHeight * 3)};
@@ -198,32 +210,37 @@ void makeDemoClip(const std::string& path, int seconds) {
     while (frameIndex < frames || sampleIndex < samples) {
         const bool videoNext = sampleIndex >= samples ||
             (frameIndex < frames && av_compare_ts(frameIndex, video.ctx->time_base, sampleIndex, audio.ctx->time_base) <= 0);
+        Codec& codec = videoNext ? video : audio;
+        check(av_frame_make_writable(codec.frame.get()), videoNext ? "picture buffer" : "sound buffer");
         if (videoNext) {
-            check(av_frame_make_writable(video.frame), "picture buffer");
             drawPicture(picture, static_cast<int>(frameIndex));
-            toYuv420(picture, video.frame);
+            toYuv420(picture, video.frame.get());
             video.frame->pts = frameIndex++;
-            encode(out.fmt, video, video.frame);
         } else {
-            check(av_frame_make_writable(audio.frame), "sound buffer");
-            for (int i = 0; i < audio.frame->nb_samples; ++i) {
-                const double t = static_cast<double>(sampleIndex + i) / kSampleRate;
-                // A tone that steps up each second, so the cut's seams can be heard;
-                // the phase runs on across steps, so the steps do not click.
-                const double pitch = 440.0 * std::pow(2.0, (static_cast<int>(t) % 5) / 12.0);
-                phase = std::fmod(phase + 2 * M_PI * pitch / kSampleRate, 2 * M_PI);
-                const float v = static_cast<float>(0.25 * std::sin(phase));
-                reinterpret_cast<float*>(audio.frame->data[0])[i] = v;
-                reinterpret_cast<float*>(audio.frame->data[1])[i] = v;
-            }
+            fillTone(audio.frame.get(), sampleIndex, &phase);
             audio.frame->pts = sampleIndex;
             sampleIndex += audio.frame->nb_samples;
-            encode(out.fmt, audio, audio.frame);
         }
+        encode(fmt, codec, codec.frame.get());
     }
-    encode(out.fmt, video, nullptr);
-    encode(out.fmt, audio, nullptr);
-    check(av_write_trailer(out.fmt), "trailer");
+    encode(fmt, video, nullptr);
+    encode(fmt, audio, nullptr);
+}
+
+}  // namespace
+
+void makeDemoClip(const std::string& path, int seconds) {
+    AVFormatContext* context = nullptr;
+    check(avformat_alloc_output_context2(&context, nullptr, "mp4", path.c_str()), "output format");
+    const OutputFormatHolder out(context);
+    Codec video;
+    openVideo(context, video);
+    Codec audio;
+    openAudio(context, audio);
+    check(avio_open(&context->pb, path.c_str(), AVIO_FLAG_WRITE), ("cannot write " + path).c_str());
+    check(avformat_write_header(context, nullptr), "header");
+    writeSamples(context, video, audio, seconds);
+    check(av_write_trailer(context), "trailer");
 }
 
 }  // namespace tslcli

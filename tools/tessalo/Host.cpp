@@ -1,42 +1,19 @@
 #include "Host.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <climits>
 #include <cstdint>
-#include <cstring>
+#include <filesystem>
 #include <stdexcept>
+
+#include "Causes.h"
 
 namespace tslcli {
 namespace {
 
-// Bytes this process has read and written so far (all threads), from
-// /proc/self/io, and the bytes that reading it cost. The library's threads
-// show their work here even when they send no event for a long time, as
-// during an index walk or a cut. Zero where the file is missing.
-struct IoCount {
-    uint64_t total = 0;
-    uint64_t selfCost = 0;
-};
-
-IoCount processIo() {
-    IoCount io;
-    const int fd = ::open("/proc/self/io", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return io;
-    char text[1024];
-    const ssize_t n = ::read(fd, text, sizeof text - 1);
-    ::close(fd);
-    if (n <= 0) return io;
-    text[n] = '\0';
-    io.selfCost = static_cast<uint64_t>(n);
-    for (const char* field : {"rchar:", "wchar:"})
-        if (const char* at = std::strstr(text, field)) io.total += std::strtoull(at + std::strlen(field), nullptr, 10);
-    return io;
-}
+// The slowest disk a walk or a cut is expected to read from, in bytes a
+// second: a network share or a USB stick.
+constexpr uint64_t kSlowDisk = 20u << 20;
 
 // Pictures copied out but not yet written; the callback waits for room so
 // that a slow disk cannot make the queue grow without bound.
@@ -98,26 +75,29 @@ void Session::takePicture() {
     if (draining) queue.push_back(std::move(picture));
 }
 
-bool Session::waitUntil(std::unique_lock<std::mutex>& lock, const std::function<bool()>& done) {
+bool Session::waitUntil(std::unique_lock<std::mutex>& lock, const std::function<bool()>& done,
+                        std::chrono::milliseconds quiet) {
     using clock = std::chrono::steady_clock;
-    auto lastSign = clock::now();
+    auto lastEvent = clock::now();
     size_t eventsSeen = events.size();
-    IoCount io = processIo();
     while (!done()) {
-        changed.wait_for(lock, std::chrono::milliseconds(200));
+        changed.wait_until(lock, lastEvent + quiet);
         if (done()) return true;
-        const IoCount now = processIo();
-        const bool moved = now.total > io.total + io.selfCost;
-        const auto at = clock::now();
-        if (events.size() != eventsSeen || moved) {
-            lastSign = at;
+        if (events.size() != eventsSeen) {
+            lastEvent = clock::now();
             eventsSeen = events.size();
-        } else if (at - lastSign >= idle) {
+        } else if (clock::now() - lastEvent >= quiet) {
             return false;
         }
-        io = now;
     }
     return true;
+}
+
+std::chrono::milliseconds Session::wholeFileBudget(const std::string& path) const {
+    std::error_code error;
+    const uintmax_t bytes = std::filesystem::file_size(path, error);
+    if (error) return idle;
+    return idle + std::chrono::milliseconds(bytes / (kSlowDisk / 1000));
 }
 
 int32_t Session::firstOf(size_t from, std::initializer_list<int32_t> wanted) const {
@@ -132,9 +112,10 @@ int32_t Session::index(const std::string& path) {
     lock.unlock();
     if (!TSL_StartPic(handle, path.c_str())) return kHostEventError;
     lock.lock();
+    indexedPath = path;
     const std::initializer_list<int32_t> ends = {kHostEventIndexReady, kHostEventFileError, kHostEventError, kHostEventBadCodec,
                        kHostEventBadSampleRate, kHostEventBadChannels, kHostEventNoVideo, kHostEventUnassigned};
-    waitUntil(lock, [&] { return firstOf(from, ends) != kSilent; });
+    waitUntil(lock, [&] { return firstOf(from, ends) != kSilent; }, wholeFileBudget(path));
     return firstOf(from, ends);
 }
 
@@ -166,18 +147,15 @@ std::vector<int64_t> Session::group(int64_t key) const {
     }
     // Several groups open at this timestamp (two video streams both start
     // groups at 0, 1000, ...). The count covers only the first of them, but
-    // the list covers all, and the others' sizes are not exposed. The one
-    // bound is the interface's own: the result is a 32-bit count. So the
-    // block is a reservation of that many values that the system backs only
-    // where the library writes.
-    const size_t room = static_cast<size_t>(INT32_MAX);
-    const size_t bytes = room * sizeof(int64_t);
-    void* block = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (block == MAP_FAILED) throw std::runtime_error("no memory for the timestamps of the groups at " + std::to_string(key) + " ms");
-    const int32_t written = TSL_GetPtsByKeyPts(handle, key, static_cast<int64_t*>(block));
-    const int64_t* values = static_cast<const int64_t*>(block);
-    std::vector<int64_t> out(values, values + std::max(0, written));
-    ::munmap(block, bytes);
+    // the list covers all, and the others' sizes are not exposed. Every
+    // timestamp of the list is a video sample of the file: the file's own
+    // count of them bounds the list.
+    const int64_t samples = videoSampleCount(indexedPath);
+    if (samples < count || samples > INT32_MAX)
+        throw std::runtime_error("cannot tell how many pictures the groups at " + std::to_string(key) + " ms hold");
+    std::vector<int64_t> out(static_cast<size_t>(samples));
+    const int32_t written = TSL_GetPtsByKeyPts(handle, key, out.data());
+    out.resize(static_cast<size_t>(std::clamp<int64_t>(written, 0, samples)));
     return out;
 }
 
@@ -199,7 +177,7 @@ PictureRun Session::pictures(const std::vector<int64_t>& pts, int32_t format,
     lock.lock();
     const std::initializer_list<int32_t> ends = {kHostEventPicDone, kHostEventFileError, kHostEventError};
     for (;;) {
-        const bool settled = waitUntil(lock, [&] { return !queue.empty() || firstOf(from, ends) != kSilent; });
+        const bool settled = waitUntil(lock, [&] { return !queue.empty() || firstOf(from, ends) != kSilent; }, idle);
         if (!queue.empty()) {
             Picture picture = std::move(queue.front());
             queue.pop_front();
@@ -247,7 +225,8 @@ CutRun Session::cut(const std::string& src, const std::string& dst, const std::v
                                kind);
     if (run.accepted) {
         lock.lock();
-        waitUntil(lock, [&] { return firstOf(from, {kHostEventCutDone, kHostEventCutFailed}) != kSilent; });
+        waitUntil(lock, [&] { return firstOf(from, {kHostEventCutDone, kHostEventCutFailed}) != kSilent; },
+                  wholeFileBudget(src));
         run.end = firstOf(from, {kHostEventCutDone, kHostEventCutFailed});
         run.offsets = report;
         run.reportRead = reportRead;

@@ -3,6 +3,9 @@
 // library reports through a callback on its own threads; this class turns
 // those reports into blocking calls with a bounded wait, so that a library
 // that falls silent becomes an error message instead of a stuck program.
+// Its events are the only sign of work the library gives: a wait ends once
+// none has come for `idle`, and an index walk or a cut, which report only
+// their end, also get the time a slow disk takes to read the whole source.
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -42,7 +45,7 @@ struct CutRun {
 
 class Session {
 public:
-    // `idle`: how long the library may show no sign of work before a wait gives up.
+    // `idle`: how long the library may send no event before a wait gives up.
     explicit Session(std::chrono::milliseconds idle);
     ~Session();
     Session(const Session&) = delete;
@@ -55,6 +58,7 @@ public:
     // Valid once index() returned kHostEventIndexReady.
     TessaloMediaInfo mediaInfo() const;
     std::vector<int64_t> keys() const;
+    // Every timestamp of every group that opens at `key`.
     std::vector<int64_t> group(int64_t key) const;
     // Pictures in the first group with this key timestamp; 0 when none.
     int32_t groupSize(int64_t key) const { return std::max(0, TSL_GetPtsCountByKeyPts(handle, key)); }
@@ -69,17 +73,22 @@ public:
                const std::vector<EditOffset>& offsets, int32_t kind);
 
 private:
+    // The library's threads: the callback, and what it does for an event.
     static int32_t onEvent(void* user, int32_t event);
     void receive(int32_t event);
     void takePicture();
-    // Waits until `done` holds (lock held while testing) or the library has
-    // shown no activity for `idle`; returns whether `done` held.
-    bool waitUntil(std::unique_lock<std::mutex>& lock, const std::function<bool()>& done);
+    // Waits until `done` holds (lock held while testing) or no event has come
+    // for `quiet`; returns whether `done` held.
+    bool waitUntil(std::unique_lock<std::mutex>& lock, const std::function<bool()>& done,
+                   std::chrono::milliseconds quiet);
+    // `idle`, plus the time a slow disk takes to read all of `path`.
+    std::chrono::milliseconds wholeFileBudget(const std::string& path) const;
     // First event at or after `from` that is one of `wanted`, or kSilent.
     int32_t firstOf(size_t from, std::initializer_list<int32_t> wanted) const;
 
     void* handle = nullptr;
     std::chrono::milliseconds idle;
+    std::string indexedPath;
 
     mutable std::mutex mutex;
     std::condition_variable changed;

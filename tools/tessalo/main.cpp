@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <iostream>
 #include <streambuf>
 
@@ -48,6 +49,11 @@ private:
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
+constexpr const char* kDescription =
+    "tessalo: index MP4 files (H.264 + AAC), take pictures by timestamp, cut time ranges.\n"
+    "Times are milliseconds (1500) or hh:mm:ss.mmm (00:00:01.500, also mm:ss.mmm).\n"
+    "Exit status: 0 done, 1 file refused or job failed, 2 usage error.";
+
 int64_t timeArg(const std::string& text) { return parseTime(text); }
 
 std::vector<TimeSpan> spans(const std::vector<std::string>& texts, const char* what) {
@@ -56,56 +62,109 @@ std::vector<TimeSpan> spans(const std::vector<std::string>& texts, const char* w
     return out;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    CLI::App app{"tessalo: index MP4 files (H.264 + AAC), take pictures by timestamp, cut time ranges.\n"
-                 "Times are milliseconds (1500) or hh:mm:ss.mmm (00:00:01.500, also mm:ss.mmm).\n"
-                 "Exit status: 0 done, 1 file refused or job failed, 2 usage error.",
-                 "tessalo"};
-    app.require_subcommand(1);
-    app.fallthrough();
+// What the command line fills in, for every subcommand.
+struct Arguments {
     double timeoutSeconds = 20;
-    app.add_option("--timeout", timeoutSeconds,
-                   "Seconds the library may show no sign of work before the program gives up")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
-
     Settings settings;
     std::string file, keyText, output;
     ThumbOptions thumbs;
     std::string framesDir = "frames";
     std::vector<std::string> rangeTexts, offsetTexts;
     std::string demoDir = "tessalo-demo";
+};
 
+// A subcommand as parsed, and the job it runs once the line is read.
+struct Subcommand {
+    CLI::App* parsed;
+    std::function<int(std::ostream&)> run;
+};
+
+// The subcommands that read a file's index and pictures.
+std::vector<Subcommand> addReadingCommands(CLI::App& app, Arguments& a) {
+    Settings& settings = a.settings;
     auto* info = app.add_subcommand("info", "Media information and an index summary");
-    info->add_option("FILE", file, "Media file")->required();
+    info->add_option("FILE", a.file, "Media file")->required();
     info->add_flag("--json", settings.json, "Print JSON");
 
     auto* keys = app.add_subcommand("keys", "Every key timestamp with the size of its group");
-    keys->add_option("FILE", file, "Media file")->required();
+    keys->add_option("FILE", a.file, "Media file")->required();
     keys->add_flag("--json", settings.json, "Print JSON");
 
     auto* group = app.add_subcommand("group", "Every timestamp of the group at one key timestamp");
-    group->add_option("FILE", file, "Media file")->required();
-    group->add_option("KEY_MS", keyText, "Key timestamp of the group")->required();
+    group->add_option("FILE", a.file, "Media file")->required();
+    group->add_option("KEY_MS", a.keyText, "Key timestamp of the group")->required();
     group->add_flag("--json", settings.json, "Print JSON");
 
     auto* thumbsCmd = app.add_subcommand("thumbs", "Every key picture as PNG, and a contact sheet");
-    thumbsCmd->add_option("FILE", file, "Media file")->required();
-    thumbsCmd->add_option("-o,--output", thumbs.dir, "Folder for the pictures")->capture_default_str();
-    thumbsCmd->add_option("--sheet", thumbs.sheet, "Contact sheet path (default: DIR/sheet.png)");
-    thumbsCmd->add_option("--columns", thumbs.columns, "Pictures across the sheet")
+    thumbsCmd->add_option("FILE", a.file, "Media file")->required();
+    thumbsCmd->add_option("-o,--output", a.thumbs.dir, "Folder for the pictures")->capture_default_str();
+    thumbsCmd->add_option("--sheet", a.thumbs.sheet, "Contact sheet path (default: DIR/sheet.png)");
+    thumbsCmd->add_option("--columns", a.thumbs.columns, "Pictures across the sheet")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
-    thumbsCmd->add_option("--thumb-width", thumbs.thumbWidth, "Width of a picture on the sheet")
+    thumbsCmd->add_option("--thumb-width", a.thumbs.thumbWidth, "Width of a picture on the sheet")
         ->check(CLI::Range(16, 4096))
         ->capture_default_str();
 
     auto* frames = app.add_subcommand("frames", "Every picture of one group as PNG");
-    frames->add_option("FILE", file, "Media file")->required();
-    frames->add_option("KEY_MS", keyText, "Key timestamp of the group")->required();
-    frames->add_option("-o,--output", framesDir, "Folder for the pictures")->capture_default_str();
+    frames->add_option("FILE", a.file, "Media file")->required();
+    frames->add_option("KEY_MS", a.keyText, "Key timestamp of the group")->required();
+    frames->add_option("-o,--output", a.framesDir, "Folder for the pictures")->capture_default_str();
+
+    return {{info, [&a](std::ostream& out) { return runInfo(a.settings, a.file, out); }},
+            {keys, [&a](std::ostream& out) { return runKeys(a.settings, a.file, out); }},
+            {group, [&a](std::ostream& out) { return runGroup(a.settings, a.file, timeArg(a.keyText), out); }},
+            {thumbsCmd, [&a](std::ostream& out) { return runThumbs(a.settings, a.file, a.thumbs, out); }},
+            {frames, [&a](std::ostream& out) {
+                 return runFrames(a.settings, a.file, timeArg(a.keyText), a.framesDir, out);
+             }}};
+}
+
+// The library prints a few diagnostics of its own to standard output
+// (complaints about its writer's calling order). They must not mix with what
+// this program prints (JSON above all), nor come before or after its one
+// sentence about a failure: its output keeps a private copy of the
+// descriptor, and descriptor 1 goes nowhere. The copy, or -1.
+int takeStandardOutput() {
+    const int outFd = ::dup(STDOUT_FILENO);
+    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (outFd < 0 || nowhere < 0 || ::dup2(nowhere, STDOUT_FILENO) < 0) return -1;
+    ::close(nowhere);
+    return outFd;
+}
+
+// Runs the subcommand that was given; its exit status.
+int runChosen(const std::vector<Subcommand>& commands, std::ostream& out) {
+    try {
+        for (const Subcommand& command : commands)
+            if (*command.parsed) return command.run(out);
+    } catch (const UsageError& e) {
+        std::cerr << "tessalo: " << e.what() << "\nRun with --help for more information.\n";
+        return kExitUsage;
+    } catch (const std::exception& e) {
+        std::cerr << "tessalo: " << e.what() << "\n";
+        return kExitFailure;
+    }
+    return kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{kDescription, "tessalo"};
+    app.require_subcommand(1);
+    app.fallthrough();
+    Arguments args;
+    app.add_option("--timeout", args.timeoutSeconds, "Seconds the library may send no event before the program gives up")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    std::vector<Subcommand> commands = addReadingCommands(app, args);
+    Settings& settings = args.settings;
+    std::string& file = args.file;
+    std::string& output = args.output;
+    std::vector<std::string>& rangeTexts = args.rangeTexts;
+    std::vector<std::string>& offsetTexts = args.offsetTexts;
+    std::string& demoDir = args.demoDir;
 
     auto* cut = app.add_subcommand("cut", "Cut time ranges into a new MP4 without re-encoding (--exact: re-encoding only what must be)");
     cut->add_option("FILE", file, "Media file")->required();
@@ -129,6 +188,12 @@ int main(int argc, char** argv) {
     auto* demo = app.add_subcommand("demo", "Make a sample clip, then run info, thumbs and a cut on it");
     demo->add_option("-o,--output", demoDir, "Folder for what the demo makes")->capture_default_str();
 
+    commands.push_back({cut, [&](std::ostream& out) {
+                            return runCut(settings, file, output, spans(rangeTexts, "range"),
+                                          spans(offsetTexts, "offset"), out);
+                        }});
+    commands.push_back({demo, [&](std::ostream& out) { return runDemo(settings, demoDir, out); }});
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -140,35 +205,13 @@ int main(int argc, char** argv) {
     // A file size limit makes a write past it fail, as a full disk does,
     // instead of ending the program.
     std::signal(SIGXFSZ, SIG_IGN);
-    // The library prints a few diagnostics of its own to standard output
-    // (complaints about its writer's calling order). They must not mix with
-    // what this program prints (JSON above all), nor come before or after its
-    // one sentence about a failure: its output keeps a private copy of the
-    // descriptor, and descriptor 1 goes nowhere.
-    const int outFd = ::dup(STDOUT_FILENO);
-    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (outFd < 0 || nowhere < 0 || ::dup2(nowhere, STDOUT_FILENO) < 0) {
+    const int outFd = takeStandardOutput();
+    if (outFd < 0) {
         std::cerr << "tessalo: cannot set up standard output\n";
         return kExitFailure;
     }
-    ::close(nowhere);
     FdBuf outBuf(outFd);
     std::ostream out(&outBuf);
-    settings.idle = std::chrono::milliseconds(static_cast<int64_t>(timeoutSeconds * 1000));
-    try {
-        if (*info) return runInfo(settings, file, out);
-        if (*keys) return runKeys(settings, file, out);
-        if (*group) return runGroup(settings, file, timeArg(keyText), out);
-        if (*thumbsCmd) return runThumbs(settings, file, thumbs, out);
-        if (*frames) return runFrames(settings, file, timeArg(keyText), framesDir, out);
-        if (*cut) return runCut(settings, file, output, spans(rangeTexts, "range"), spans(offsetTexts, "offset"), out);
-        if (*demo) return runDemo(settings, demoDir, out);
-    } catch (const UsageError& e) {
-        std::cerr << "tessalo: " << e.what() << "\nRun with --help for more information.\n";
-        return kExitUsage;
-    } catch (const std::exception& e) {
-        std::cerr << "tessalo: " << e.what() << "\n";
-        return kExitFailure;
-    }
-    return kExitUsage;
+    settings.idle = std::chrono::milliseconds(static_cast<int64_t>(args.timeoutSeconds * 1000));
+    return runChosen(commands, out);
 }
