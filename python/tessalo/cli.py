@@ -85,9 +85,11 @@ def _parser() -> argparse.ArgumentParser:
                      metavar="START-END", help="range to keep, end inclusive; repeat for more")
     cut.add_argument("--offset", dest="offsets", type=_span_arg, action="append", default=[], metavar="A-B",
                      help="pair of source times to translate to the output's timeline")
-    cut.add_argument("--kind", type=int, choices=(0, 1), default=1,
+    cut.add_argument("--kind", type=int, choices=(0, 1, 2), default=1,
                      help="1: synced cut, each range from the key at or before its start (default); "
-                          "0: the original timeline")
+                          "0: the original timeline; 2: as --exact")
+    cut.add_argument("--exact", dest="kind", action="store_const", const=2,
+                     help="frame-exact: each range shows exactly its pictures, re-encoding only what must be")
     return parser
 
 

@@ -436,11 +436,14 @@ class Media:
     def cut(self, output: PathLike, ranges: Iterable[Sequence[int]], kind: int = 1,
             offsets: Iterable[Sequence[int]] = (), timeout: Optional[float] = None) -> CutResult:
         """Cuts the ``ranges`` ((start, end) ms, end inclusive) into one new
-        file at ``output`` without re-encoding; .mp4 or .mov by its name.
+        file at ``output``; .mp4 or .mov by its name.
 
         ``kind`` 1 keeps audio and video in sync across joins and opens each
         range on the key at or before its start; kind 0 is the original
-        timeline, which opens a range one group earlier and needs audio.
+        timeline, which opens a range one group earlier and needs audio;
+        kind 2 is frame-exact on kind 1's timeline: each range shows exactly
+        its pictures, those before its first key frame (and any after its
+        last clean point) encoded again, the rest copied.
         ``offsets`` are (first, second) pairs of source times to translate to
         the output's timeline (see :class:`CutResult`).
 
@@ -492,14 +495,8 @@ class Media:
         if not self._lib.TSL_CutFile(handle, os.fsencode(self.path), os.fsencode(partial), ranges, len(spans),
                                      offsets, len(pairs), kind):
             raise CutError(self._refused_cut(kind, out), self.path)
-        try:
-            end = self._channel.wait_for_event(mark, _CUT_ENDS, self._whole_file(timeout),
-                                               f"cutting into {out} (kind {kind})", self.path)
-        except Timeout as e:
-            if os.path.exists(partial):
-                raise
-            raise Timeout(f"{e.cause}; nothing was written, as when a library without cut kind {kind} takes the "
-                          "job and does nothing", self.path, seconds=e.seconds) from None
+        end = self._channel.wait_for_event(mark, _CUT_ENDS, self._whole_file(timeout),
+                                           f"cutting into {out} (kind {kind})", self.path)
         self._lib.TSL_CancelFile(handle)  # joins the job's threads; the output is closed
         if end != Event.CUT_DONE:
             raise CutError(self._failed_cut(spans, out), self.path, end)
@@ -507,7 +504,8 @@ class Media:
     def _refused_cut(self, kind: int, out: str) -> str:
         folder = os.path.dirname(out) or "."
         if kind not in _KNOWN_KINDS:
-            return f"cut kind {kind} is not one the library knows (1: the synced cut, 0: the original timeline)"
+            return (f"cut kind {kind} is not one the library knows "
+                    "(1: the synced cut, 0: the original timeline, 2: the frame-exact cut)")
         if kind == 0 and not self.info.has_audio:
             return "the file has no audio track, and cut kind 0 cuts only files with video and audio"
         if not os.path.isdir(folder):
