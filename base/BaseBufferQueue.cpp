@@ -60,3 +60,9 @@ int32_t BaseBufferQueue::pop(BaseBuffer* out) {
     --count;
     return kOk;
 }
+
+void BaseBufferQueue::dropHead() {
+    if (count == 0) return;
+    if (++readIndex == capacity) readIndex = 0;
+    --count;
+}

@@ -20,6 +20,8 @@ public:
     int32_t allocBuffers(int32_t bufferSize);
     int32_t push(const BaseBuffer* buffer);
     int32_t pop(BaseBuffer* out);
+    // Discards the head, which a reader may have used in place (entries[readIndex]).
+    void dropHead();
 
     std::unique_ptr<BaseBuffer[]> entries;  // each element's data is its block in `blocks`
     int32_t bufferSize = 0;

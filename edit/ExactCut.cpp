@@ -3,52 +3,12 @@
 #include <algorithm>
 #include <new>
 
+#include "base/NalBits.h"
 #include "decode/H264Sample.h"
 #include "decode/PictureDecoder.h"
 #include "edit/RangeCutter.h"
 
 namespace {
-
-// Reads exp-Golomb numbers from the start of a NAL unit's payload, with the
-// emulation prevention bytes taken out.
-class NalBits {
-public:
-    NalBits(const uint8_t* data, size_t size) {
-        for (size_t i = 0; i < size && bytes.size() < 32; ++i) {
-            if (i >= 2 && data[i] == 3 && data[i - 1] == 0 && data[i - 2] == 0) continue;
-            bytes.push_back(data[i]);
-        }
-    }
-    void skipBytes(size_t count) { bit += 8 * count; }
-    int flag() { return next(); }
-    // -1 when the bits run out.
-    int64_t unsignedGolomb() {
-        int zeros = 0;
-        while (zeros < 32) {
-            const int b = next();
-            if (b < 0) return -1;
-            if (b) break;
-            ++zeros;
-        }
-        int64_t value = 0;
-        for (int i = 0; i < zeros; ++i) {
-            const int b = next();
-            if (b < 0) return -1;
-            value = (value << 1) | b;
-        }
-        return (int64_t(1) << zeros) - 1 + value;
-    }
-
-private:
-    int next() {
-        if (bit >= 8 * bytes.size()) return -1;
-        const int b = (bytes[bit / 8] >> (7 - bit % 8)) & 1;
-        ++bit;
-        return b;
-    }
-    std::vector<uint8_t> bytes;
-    size_t bit = 0;
-};
 
 // The lowest id that no sequence or picture parameter set of `sets` (start
 // codes) uses, so that made pictures never refer to one of the source's.
@@ -62,10 +22,10 @@ int unusedParameterSetId(const std::vector<uint8_t>& sets) {
         NalBits bits(sets.data() + nal + 1, n - nal - 1);
         int64_t id = -1;
         if (type == 7) {
-            bits.skipBytes(3);  // profile, constraints, level
-            id = bits.unsignedGolomb();
+            bits.bits(24);  // profile, constraints, level
+            id = bits.golomb();
         } else if (type == 8) {
-            id = bits.unsignedGolomb();
+            id = bits.golomb();
         }
         if (id >= 0 && id < 32) used[size_t(id)] = true;
     }
@@ -83,12 +43,12 @@ bool codesLosslessly(const std::vector<uint8_t>& sets) {
         const int profile = sets[at + 4];
         if (profile != 100 && profile != 110 && profile != 122 && profile != 244 && profile != 44) return false;
         NalBits bits(sets.data() + at + 4, n - at - 4);
-        bits.skipBytes(3);     // profile, constraints, level
-        bits.unsignedGolomb();  // id
-        if (bits.unsignedGolomb() == 3) bits.flag();  // chroma_format_idc; separate_colour_plane_flag
-        bits.unsignedGolomb();  // bit_depth_luma_minus8
-        bits.unsignedGolomb();  // bit_depth_chroma_minus8
-        return bits.flag() == 1;
+        bits.bits(24);                            // profile, constraints, level
+        bits.golomb();                            // id
+        if (bits.golomb() == 3) bits.bits(1);     // chroma_format_idc; separate_colour_plane_flag
+        bits.golomb();                            // bit_depth_luma_minus8
+        bits.golomb();                            // bit_depth_chroma_minus8
+        return bits.bits(1) == 1;                 // qpprime_y_zero_transform_bypass_flag
     }
     return false;
 }

@@ -5,6 +5,7 @@
 
 #include "base/Log.h"
 #include "base/Results.h"
+#include "mux/AvcRecord.h"
 #include "mux/MPEG4MuxerThread.h"
 
 extern "C" {
@@ -146,9 +147,18 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     context->height = info->height + (info->height & 1);
     // One thread is enough for an encoder that encodes nothing.
     context->thread_count = 1;
-    if (info->extraData && info->extraDataSize > 0 &&
-        !replaceExtraData(context.get(), info->extraData, info->extraDataSize))
-        return kErrGeneric;
+    if (info->extraData && info->extraDataSize > 0) {
+        // Parameter sets that make an avcC record go to the file as one, and
+        // the samples then get their length prefixes on the writing thread:
+        // libavformat writes both as they are instead of scanning every
+        // sample for start codes again.
+        const std::vector<uint8_t> record = avcRecord(info->extraData, size_t(info->extraDataSize));
+        videoLengthPrefixed = !record.empty();
+        const bool replaced = videoLengthPrefixed
+                                  ? replaceExtraData(context.get(), record.data(), int(record.size()))
+                                  : replaceExtraData(context.get(), info->extraData, info->extraDataSize);
+        if (!replaced) return kErrGeneric;
+    }
 
     if (avcodec_open2(context.get(), videoEncoder, nullptr) < 0) return kErrGeneric;
     if (avcodec_parameters_from_context(stream->codecpar, context.get()) < 0) return kErrGeneric;

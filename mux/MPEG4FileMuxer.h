@@ -75,6 +75,9 @@ public:
     int64_t lastAudioDts;
     bool hasAudio = false;
     bool hasVideo = false;
+    // The video track's record is avcC: the writing thread turns the samples'
+    // start codes into length prefixes.
+    bool videoLengthPrefixed = false;
     ThreadMutex threadMutex;
     std::unique_ptr<MPEG4MuxerThread> muxerThread;
     // Set by the writing thread when the file could not be written, under the

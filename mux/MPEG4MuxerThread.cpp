@@ -151,7 +151,15 @@ void MPEG4MuxerThread::writeHead(int32_t track) {
     // Anchored once, on the first head written. (Anchoring again while the
     // base is negative would put two samples of a negative timeline at 0.)
     if (baseTime == kTimestampUnset) baseTime = queue.entries[queue.readIndex].dts;
-    if (scratch.data && !owner->fileFailed.load()) {
+    if (!isAudio && owner->videoLengthPrefixed && !owner->fileFailed.load()) {
+        // The sample is copied once, out of its slot, as its start codes
+        // become length prefixes; the ring's mutex is held meanwhile.
+        const BaseBuffer& head = queue.entries[queue.readIndex];
+        const int result =
+            writeSample(head.data, head.size, track, head.pts - baseTime, head.dts - baseTime, head.flags);
+        queue.dropHead();
+        if (failsTheFile(result)) fail();
+    } else if (scratch.data && !owner->fileFailed.load()) {
         if (queue.pop(&scratch) == 0 &&
             failsTheFile(writeSample(scratch.data, scratch.size, track, scratch.pts - baseTime,
                                      scratch.dts - baseTime, scratch.flags)))
@@ -159,8 +167,7 @@ void MPEG4MuxerThread::writeHead(int32_t track) {
     } else {
         // No scratch block could be had, or the file has failed: drop the
         // head so that a caller waiting for room is never stuck.
-        if (++queue.readIndex == queue.capacity) queue.readIndex = 0;
-        --queue.count;
+        queue.dropHead();
     }
     (isAudio ? owner->audioRoom : owner->videoRoom).notify_all();
 }
@@ -172,15 +179,20 @@ int MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, in
     if (!packet || !stream) return 0;
     AVPacket* out = packet.get();
     av_packet_unref(out);
+    if (track == kTrackVideo && owner->videoLengthPrefixed) {
+        // Reference-counted: libavformat keeps the packet as it is, without a copy of its own.
+        if (!prefixer.convert(data, size_t(size), out)) return AVERROR(ENOMEM);
+    } else {
+        // Not reference-counted: libavformat copies the bytes it keeps, so the
+        // scratch block can take the next sample at once.
+        out->data = data;
+        out->size = size;
+    }
 
     // The header may have changed the stream's time base: read it now.
     const AVRational milliseconds{1, 1000};
     out->pts = av_rescale_q(pts, milliseconds, stream->time_base);
     out->dts = av_rescale_q(dts, milliseconds, stream->time_base);
-    // Not reference-counted: libavformat copies the bytes it keeps, so the
-    // scratch block can take the next sample at once.
-    out->data = data;
-    out->size = size;
     out->stream_index = stream->id;
     // Durations stay unset, but this libavformat no longer derives a missing
     // video duration from the frame rate as older ones did: the last video

@@ -6,6 +6,7 @@
 #include "base/BaseThread.h"
 
 #include "base/FFmpegHolders.h"
+#include "mux/AvcRecord.h"
 
 class MPEG4FileMuxer;
 
@@ -55,6 +56,7 @@ private:
     std::unique_ptr<uint8_t[]> videoBlock;
     PacketHolder packet;
     PacketHolder filtered;
+    LengthPrefixer prefixer;
     int64_t baseTime = 0;
     int32_t writeCounter = 0;
 };

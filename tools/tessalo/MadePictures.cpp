@@ -5,37 +5,16 @@
 #include <set>
 
 #include "base/FFmpegHolders.h"
+#include "base/NalBits.h"
 
 namespace tslcli {
 namespace {
 
-// The first exp-Golomb number of a NAL unit's payload, after `skip` of them;
-// -1 when the bytes run out. Emulation prevention bytes are taken out.
+// The exp-Golomb number after `skip` others at the head of a NAL unit's payload; -1 past its end.
 int64_t golomb(const uint8_t* data, size_t size, int skip) {
-    std::vector<uint8_t> bytes;
-    for (size_t i = 0; i < size && bytes.size() < 16; ++i)
-        if (!(i >= 2 && data[i] == 3 && data[i - 1] == 0 && data[i - 2] == 0)) bytes.push_back(data[i]);
-    size_t bit = 0;
-    auto next = [&]() -> int {
-        if (bit >= bytes.size() * 8) return -1;
-        const int b = (bytes[bit / 8] >> (7 - bit % 8)) & 1;
-        ++bit;
-        return b;
-    };
-    int64_t value = -1;
-    for (int n = 0; n <= skip; ++n) {
-        int zeros = 0;
-        for (int b; (b = next()) == 0;)
-            if (++zeros > 31) return -1;
-        value = 0;
-        for (int i = 0; i < zeros; ++i) {
-            const int b = next();
-            if (b < 0) return -1;
-            value = (value << 1) | b;
-        }
-        value += (int64_t(1) << zeros) - 1;
-    }
-    return value;
+    NalBits bits(data, size);
+    for (int i = 0; i < skip; ++i) bits.golomb();
+    return bits.golomb();
 }
 
 struct Input {

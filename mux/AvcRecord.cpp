@@ -1,0 +1,110 @@
+#include "mux/AvcRecord.h"
+
+#include <cstring>
+
+#include "base/NalBits.h"
+
+namespace {
+
+// The NAL units of a start-code stream: where each payload begins and how
+// long it is, its trailing zero bytes (which belong to the next start code)
+// left out. A start code's 0x01 is found with memchr: the bytes between start
+// codes are looked at once, at memory speed.
+void findUnits(const uint8_t* data, size_t size, std::vector<std::pair<size_t, size_t>>& units) {
+    units.clear();
+    size_t unit = SIZE_MAX;
+    auto close = [&](size_t end) {
+        if (unit == SIZE_MAX) return;
+        while (end > unit && data[end - 1] == 0) --end;
+        if (end > unit) units.emplace_back(unit, end - unit);
+    };
+    for (size_t at = 2; at < size;) {
+        const auto* one = static_cast<const uint8_t*>(std::memchr(data + at, 1, size - at));
+        if (!one) break;
+        const size_t found = size_t(one - data);
+        if (data[found - 1] == 0 && data[found - 2] == 0) {
+            close(found - 2);
+            unit = found + 1;
+        }
+        at = found + 1;
+    }
+    close(size);
+}
+
+void put16(std::vector<uint8_t>& out, size_t value) {
+    out.push_back(uint8_t(value >> 8));
+    out.push_back(uint8_t(value));
+}
+
+}  // namespace
+
+std::vector<uint8_t> avcRecord(const uint8_t* sets, size_t size) {
+    std::vector<std::pair<size_t, size_t>> units;
+    if (!sets || size < 4) return {};
+    findUnits(sets, size, units);
+    std::vector<std::pair<size_t, size_t>> sps, pps, spsExt;
+    for (const auto& unit : units) {
+        const int type = sets[unit.first] & 0x1F;
+        if (unit.second > 0xFFFF) return {};
+        if (type == 7 && unit.second >= 4) sps.push_back(unit);
+        if (type == 8) pps.push_back(unit);
+        if (type == 13) spsExt.push_back(unit);
+    }
+    if (sps.empty() || pps.empty() || sps.size() > 31 || pps.size() > 255) return {};
+    const uint8_t* first = sets + sps.front().first;
+    std::vector<uint8_t> record{1, first[1], first[2], first[3], 0xFF, uint8_t(0xE0 | sps.size())};
+    for (const auto& unit : sps) {
+        put16(record, unit.second);
+        record.insert(record.end(), sets + unit.first, sets + unit.first + unit.second);
+    }
+    record.push_back(uint8_t(pps.size()));
+    for (const auto& unit : pps) {
+        put16(record, unit.second);
+        record.insert(record.end(), sets + unit.first, sets + unit.first + unit.second);
+    }
+    // The profiles with a chroma format and bit depths say them in the record too.
+    const int profile = first[1];
+    if (profile != 66 && profile != 77 && profile != 88) {
+        NalBits bits(first + 1, sps.front().second - 1);
+        bits.bits(24);  // profile, constraints, level
+        bits.golomb();  // id
+        int64_t chroma = 1, luma = 0, colour = 0;
+        if (profile == 100 || profile == 110 || profile == 122 || profile == 244 || profile == 44 ||
+            profile == 83 || profile == 86 || profile == 118 || profile == 128 || profile == 138 ||
+            profile == 139 || profile == 134 || profile == 135 || profile == 144) {
+            chroma = bits.golomb();
+            if (chroma == 3) bits.bits(1);
+            luma = bits.golomb();
+            colour = bits.golomb();
+        }
+        if (chroma < 0 || luma < 0 || colour < 0) return {};
+        record.push_back(uint8_t(0xFC | chroma));
+        record.push_back(uint8_t(0xF8 | luma));
+        record.push_back(uint8_t(0xF8 | colour));
+        record.push_back(uint8_t(spsExt.size()));
+        for (const auto& unit : spsExt) {
+            put16(record, unit.second);
+            record.insert(record.end(), sets + unit.first, sets + unit.first + unit.second);
+        }
+    }
+    return record;
+}
+
+bool LengthPrefixer::convert(const uint8_t* sample, size_t size, AVPacket* out) {
+    findUnits(sample, size, units);
+    size_t total = 0;
+    for (const auto& unit : units) total += 4 + unit.second;
+    av_packet_unref(out);
+    if (total > size_t(INT32_MAX) - AV_INPUT_BUFFER_PADDING_SIZE || av_new_packet(out, int(total)) < 0) return false;
+    uint8_t* to = out->data;
+    for (const auto& unit : units) {
+        const uint32_t length = uint32_t(unit.second);
+        to[0] = uint8_t(length >> 24);
+        to[1] = uint8_t(length >> 16);
+        to[2] = uint8_t(length >> 8);
+        to[3] = uint8_t(length);
+        std::memcpy(to + 4, sample + unit.first, unit.second);
+        to += 4 + unit.second;
+    }
+    return true;
+}
