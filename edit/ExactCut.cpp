@@ -6,6 +6,7 @@
 #include "base/NalBits.h"
 #include "decode/H264Sample.h"
 #include "decode/PictureDecoder.h"
+#include "edit/PictureMaker.h"
 #include "edit/RangeCutter.h"
 
 namespace {
@@ -133,81 +134,44 @@ bool ExactCut::learnLook(size_t group) {
     return learnt;
 }
 
-// Decodes from `fromGroup`'s key frame on, in decoding order, and encodes the
-// pictures whose pts `wanted` lists, until all of them are made.
-ExactCut::Result ExactCut::make(size_t fromGroup, const std::vector<int64_t>& wanted,
-                                const std::function<bool()>& stop, std::vector<EncodedPicture>& out) {
-    PictureDecoder decoder;
-    PictureEncoder encoder;
-    if (!decoder.open(sourceSets.data(), int32_t(sourceSets.size()))) return Result::Failed;
-    size_t made = 0;
-    bool encoderFailed = false;
-    auto take = [&](AVFrame& frame) {
-        if (!std::binary_search(wanted.begin(), wanted.end(), frame.pts)) return true;
-        // Every encoder opened in the look writes the parameter sets declared for the file.
-        if (made == 0 && (!encoder.open(look) || encoder.parameterSets() != declaredSets)) {
-            encoderFailed = true;
-            return false;
-        }
-        if (!encoder.encode(frame, out)) {
-            encoderFailed = true;
-            return false;
-        }
-        return ++made < wanted.size();
+std::unique_ptr<PictureMaker> ExactCut::makerFor(size_t from, const std::vector<int64_t>& wanted) {
+    if (wanted.empty()) return nullptr;
+    auto reader = [this](const FrameRecord& record, int32_t* size) -> const uint8_t* {
+        return readStartCodes(record, size) ? annexB.data() : nullptr;
     };
-    for (size_t g = fromGroup; g < groups.size() && made < wanted.size(); ++g)
-        for (const FrameRecord* record : *groups[g]) {
-            if (stop()) return Result::Stopped;
-            int32_t converted = 0;
-            if (!readStartCodes(*record, &converted)) return Result::Failed;
-            if (converted > 0) decoder.decode(annexB.data(), converted, record->pts, take);
-            if (encoderFailed) return Result::Failed;
-            if (made == wanted.size()) break;
-        }
-    if (made < wanted.size()) decoder.drain(take);
-    if (encoderFailed || made < wanted.size() || !encoder.finish(out) || out.size() != wanted.size())
-        return Result::Failed;
-    return Result::Made;
+    return std::make_unique<PictureMaker>(groups, reader, sourceSets, look, declaredSets, from, wanted);
 }
 
-ExactCut::Result ExactCut::open(const EditRange& range, const std::function<bool()>& stop) {
-    madeHead.clear();
-    madeTail.clear();
+bool ExactCut::open(const EditRange& range) {
+    maker.reset();
+    inTail = false;
+    madeCount = 0;
     rangePlan = planRange(range);
-    if (!rangePlan.shows) return Result::Failed;
-    std::vector<EncodedPicture> head, tail;
-    try {
-        if (!rangePlan.head.empty()) {
-            const Result result = make(rangePlan.headFrom, rangePlan.head, stop, head);
-            if (result != Result::Made) return result;
-        }
-        if (!rangePlan.tail.empty()) {
-            const Result result = make(rangePlan.tailFrom, rangePlan.tail, stop, tail);
-            if (result != Result::Made) return result;
-        }
-        // The head is decoded as far ahead of its pts as the copied stretch
-        // is; the tail follows the stretch's last dts and never runs ahead of
-        // its own pts.
-        for (EncodedPicture& picture : head) {
-            FrameRecord record;
-            record.isKey = picture.key;
-            record.pts = picture.pts;
-            record.dts = picture.pts - rangePlan.lead;
-            madeHead.push_back({record, std::move(picture.data)});
-        }
-        int64_t lastDts = rangePlan.lastCopiedDts;
-        for (EncodedPicture& picture : tail) {
-            FrameRecord record;
-            record.isKey = picture.key;
-            record.pts = picture.pts;
-            record.dts = std::max(picture.pts - rangePlan.lead, lastDts + 1);
-            lastDts = record.dts;
-            madeTail.push_back({record, std::move(picture.data)});
-        }
-    } catch (const std::bad_alloc&) {
-        return Result::Failed;
-    }
-    return Result::Made;
+    if (!rangePlan.shows) return false;
+    maker = makerFor(rangePlan.headFrom, rangePlan.head);
+    return true;
+}
+
+void ExactCut::beginTail() {
+    inTail = true;
+    lastTailDts = rangePlan.lastCopiedDts;
+    maker = makerFor(rangePlan.tailFrom, rangePlan.tail);
+}
+
+ExactCut::Next ExactCut::next(MadePicture* picture, const std::function<bool()>& stop) {
+    if (!maker) return Next::End;
+    EncodedPicture encoded;
+    const Next got = maker->next(&encoded, stop);
+    if (got == Next::End) maker.reset();
+    if (got != Next::Picture) return got;
+    FrameRecord& record = picture->record;
+    record.isKey = encoded.key;
+    record.pts = encoded.pts;
+    record.dts = encoded.pts - rangePlan.lead;
+    if (inTail) record.dts = lastTailDts = std::max(record.dts, lastTailDts + 1);
+    picture->data = std::move(encoded.data);
+    ++madeCount;
+    return Next::Picture;
 }
 
 RangeSpan ExactCut::span() const {

@@ -1,9 +1,9 @@
 #pragma once
 // The pictures a frame-exact cut (kind 2) makes for each range: the plan of
 // the range (ExactPlan), then the head and the tail decoded from the source
-// and encoded again, each with the index times the range cutter places them
-// by. The copied stretch between them is left to the range cutter, which
-// copies it as the synced cut does.
+// and encoded again one at a time (PictureMaker), each with the index times
+// the range cutter places it by. The copied stretch between them is left to
+// the range cutter, which copies it as the synced cut does.
 //
 // Threads: prepare runs on the host's thread while the cut is set up (it
 // reads the key frames it plans from and decodes one picture); open and the
@@ -12,12 +12,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "api/tessalo.h"
 #include "edit/CutTimeline.h"
 #include "edit/ExactPlan.h"
 #include "edit/FileOperator.h"
+#include "edit/PictureMaker.h"
 #include "edit/SourceTimes.h"
 #include "instance/FrameRecord.h"
 #include "mux/PictureEncoder.h"
@@ -45,17 +47,24 @@ public:
     // makes a picture.
     const std::vector<uint8_t>& madeSets() const { return declaredSets; }
 
-    enum class Result { Made, Stopped, Failed };
-    // Cut thread. Plans `range` and makes its pictures; `stop` is asked
-    // between pictures. Failed when an asked picture can't be decoded whole
-    // or encoded in the declared look.
-    Result open(const EditRange& range, const std::function<bool()>& stop);
+    // Cut thread. Plans `range` and gets ready to make its head; false when
+    // the range shows no picture.
+    bool open(const EditRange& range);
     const ExactPlan& plan() const { return rangePlan; }
-    const std::vector<MadePicture>& head() const { return madeHead; }
-    const std::vector<MadePicture>& tail() const { return madeTail; }
     // The span the timeline places the range by: its first shown picture,
     // decoded ahead of its pts by the copied stretch's lead.
     RangeSpan span() const;
+
+    using Next = PictureMaker::Next;
+    // Cut thread. The next made picture of the head, or of the tail once
+    // beginTail was called, with the index times it is placed by: the head
+    // is decoded as far ahead of its pts as the copied stretch is; the tail
+    // follows the stretch's last dts and never runs ahead of its own pts.
+    Next next(MadePicture* picture, const std::function<bool()>& stop);
+    // The copied stretch has been written: the tail comes next.
+    void beginTail();
+    // The pictures made for the range so far.
+    size_t made() const { return madeCount; }
 
 private:
     bool isIdr(size_t group);
@@ -65,8 +74,7 @@ private:
     bool readStartCodes(const FrameRecord& record, int32_t* converted);
     ExactPlan planRange(const EditRange& range);
     bool learnLook(size_t group);
-    Result make(size_t fromGroup, const std::vector<int64_t>& wanted, const std::function<bool()>& stop,
-                std::vector<EncodedPicture>& out);
+    std::unique_ptr<PictureMaker> makerFor(size_t from, const std::vector<int64_t>& wanted);
 
     const std::vector<FrameGroup*>& groups;
     const std::vector<uint8_t>& sourceSets;
@@ -81,6 +89,8 @@ private:
     std::vector<uint8_t> declaredSets;
     // The range now open.
     ExactPlan rangePlan;
-    std::vector<MadePicture> madeHead;
-    std::vector<MadePicture> madeTail;
+    std::unique_ptr<PictureMaker> maker;
+    bool inTail = false;
+    int64_t lastTailDts = 0;
+    size_t madeCount = 0;
 };

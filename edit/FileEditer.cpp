@@ -267,7 +267,7 @@ void FileEditer::runCut() {
     for (int32_t i = 0; i < rangeCount; ++i) {
         if (isStopRequested()) break;
         const RangeCutter::Result result = cutter.cut(ranges[i]);
-        if (exact) madeAndCopied.push_back({exact->plan().made(), cutter.copiedPictures()});
+        if (exact) madeAndCopied.push_back({exact->made(), cutter.copiedPictures()});
         if (result == RangeCutter::Result::Finished) {
             if (mapped) mapOffsets(ranges[i], *timeline, mapped.get());
             continue;

@@ -40,13 +40,7 @@ bool RangeCutter::toAnnexB(const uint8_t* sample, int32_t size, uint8_t* out, in
 
 RangeCutter::Result RangeCutter::cut(const EditRange& range) {
     copied = 0;
-    switch (open(range)) {
-        case Opened::No: return Result::Failed;
-        case Opened::WriteFailed: return Result::WriteFailed;
-        // Stopped while its pictures were made: nothing of the range was written.
-        case Opened::Stopped: return Result::Finished;
-        case Opened::Yes: break;
-    }
+    if (!open(range)) return Result::Failed;
     for (;;) {
         if (job.stopRequested()) break;
         // A side that ran out of the old buffer gets another go.
@@ -66,7 +60,7 @@ RangeCutter::Result RangeCutter::cut(const EditRange& range) {
 
 // The opening key frame and the first audio record, one read from the lower
 // of their positions, and the timeline's opening.
-RangeCutter::Opened RangeCutter::open(const EditRange& range) {
+bool RangeCutter::open(const EditRange& range) {
     // A list that an earlier range walked to its end stays exhausted for the
     // job in the original cut: that side starts finished and the range goes
     // on with the other one.
@@ -74,71 +68,89 @@ RangeCutter::Opened RangeCutter::open(const EditRange& range) {
     writeFailed = madeFailed = false;
     RangeSpan span;
     if (job.exact) {
-        const Opened opened = openExact(range, &span);
-        if (opened != Opened::Yes) return opened;
+        if (!openExact(range, &span)) return false;
     } else {
-        if (!job.selection.open(range, &groupIndex, &span)) return Opened::No;
+        if (!job.selection.open(range, &groupIndex, &span)) return false;
         frameIndex = 0;
     }
     audioIndex = job.selection.firstAudio(job.timeline.audioFrom(span));
     const bool hasAudio = audioIndex < job.audio.size();
-    if (!hasAudio && job.selection.rules().needsAudio) return Opened::No;
+    if (!hasAudio && job.selection.rules().needsAudio) return false;
     const FrameRecord* firstAudio = hasAudio ? job.audio[audioIndex] : nullptr;
     // Only a frame-exact range whose pictures are all made copies no video.
     const bool copiesVideo = span.key != nullptr;
     int64_t from = copiesVideo ? span.key->position : -1;
     if (firstAudio) from = copiesVideo ? std::min(from, firstAudio->position) : firstAudio->position;
     if (copiesVideo || firstAudio) {
-        if (!readFrom(from)) return Opened::No;
+        if (!readFrom(from)) return false;
     } else {
         bufferPos = bufferEnd = 0;
     }
-    videoFinished = job.videoDone || !copiesVideo;
+    // A frame-exact range's video goes on while it has pictures to make.
+    videoFinished = job.exact ? false : job.videoDone;
     audioFinished = job.audioDone || !hasAudio;
     job.timeline.openRange(span, firstAudio);
-    if (job.exact) {
-        if (!writeMade(job.exact->head())) return writeFailed ? Opened::WriteFailed : Opened::No;
-        if (!copiesVideo) endVideo();
-        if (madeFailed || writeFailed) return writeFailed ? Opened::WriteFailed : Opened::No;
-    }
-    return Opened::Yes;
+    return true;
 }
 
-RangeCutter::Opened RangeCutter::openExact(const EditRange& range, RangeSpan* span) {
-    switch (job.exact->open(range, job.stopRequested)) {
-        case ExactCut::Result::Stopped: return Opened::Stopped;
-        case ExactCut::Result::Failed: return Opened::No;
-        case ExactCut::Result::Made: break;
-    }
+bool RangeCutter::openExact(const EditRange& range, RangeSpan* span) {
+    if (!job.exact->open(range)) return false;
     *span = job.exact->span();
     job.selection.adopt(range, *span);
     groupIndex = job.exact->plan().copyFrom.group;
     frameIndex = job.exact->plan().copyFrom.frame;
-    tailWritten = false;
-    return Opened::Yes;
+    phase = Phase::Head;
+    return true;
 }
 
-bool RangeCutter::writeMade(const std::vector<MadePicture>& pictures) {
-    for (const MadePicture& picture : pictures) {
-        const SampleTimes times = job.timeline.video(picture.record);
-        const int32_t result = job.muxer.WriteSampleData(picture.data.data(), int32_t(picture.data.size()), kTrackVideo,
-                                                         times.pts, times.dts,
-                                                         picture.record.isKey ? kSampleFlagVideoKey : 0u);
-        // Unlike a copied sample, a made picture that is lost would leave
-        // its place in the range empty: the range fails.
-        if (result == kErrFileIo) writeFailed = true;
-        else if (result != kOk) madeFailed = true;
-        if (result != kOk) return false;
+// The frame-exact range's video steps that copy nothing: a made picture of
+// the head or the tail, or the turn from one part to the next. False when
+// this step is a copy.
+bool RangeCutter::exactStep() {
+    ExactCut& exact = *job.exact;
+    if (phase == Phase::Copy) {
+        if (!(IndexPlace{groupIndex, frameIndex} == exact.plan().copyEnd)) return false;
+        exact.beginTail();
+        phase = Phase::Tail;
     }
+    MadePicture picture;
+    switch (exact.next(&picture, job.stopRequested)) {
+        case ExactCut::Next::Picture:
+            writeMade(picture);
+            return true;
+        case ExactCut::Next::Stopped:  // the pass sees the stop next
+            videoMore = false;
+            return true;
+        case ExactCut::Next::Failed:
+            madeFailed = true;
+            videoMore = false;
+            return true;
+        case ExactCut::Next::End:
+            break;
+    }
+    if (phase == Phase::Head && exact.plan().copies) {
+        phase = Phase::Copy;
+        return false;
+    }
+    endVideo();
     return true;
+}
+
+void RangeCutter::writeMade(const MadePicture& picture) {
+    const SampleTimes times = job.timeline.video(picture.record);
+    const int32_t result = job.muxer.WriteSampleData(picture.data.data(), int32_t(picture.data.size()), kTrackVideo,
+                                                     times.pts, times.dts,
+                                                     picture.record.isKey ? kSampleFlagVideoKey : 0u);
+    // Unlike a copied sample, a made picture that is lost would leave its
+    // place in the range empty: the range fails.
+    if (result == kErrFileIo) writeFailed = true;
+    else if (result != kOk) madeFailed = true;
+    if (result != kOk) videoMore = false;
 }
 
 void RangeCutter::endVideo() {
     videoMore = false;
     videoFinished = true;
-    if (!job.exact || tailWritten) return;
-    tailWritten = true;
-    writeMade(job.exact->tail());
 }
 
 bool RangeCutter::readFrom(int64_t position) {
@@ -154,8 +166,12 @@ bool RangeCutter::readFrom(int64_t position) {
 // Keeps what the buffer holds from the next sample needed on, and reads on
 // behind it: the file is read strictly forward.
 bool RangeCutter::refill() {
+    // Made pictures are read elsewhere: a frame-exact range's video reads
+    // from the buffer only for a copied stretch still to come.
+    const bool videoReads =
+        !videoFinished && (!job.exact || (job.exact->plan().copies && phase != Phase::Tail));
     int64_t nextPos;
-    if (videoFinished) {
+    if (!videoReads) {
         nextPos = job.audio[audioIndex]->position;
     } else if (audioFinished) {
         nextPos = videoRecord().position;
@@ -187,20 +203,16 @@ bool RangeCutter::samplePass() {
     for (;;) {
         if (job.stopRequested()) return false;
         if (!(clocks.audioClock() < clocks.videoClock() && audioMore) && videoMore) videoStep();
-        if (writeFailed) return false;
+        if (writeFailed || madeFailed) return false;
         if (clocks.audioClock() > clocks.videoClock() && videoMore) continue;
         if (audioMore) audioStep();
-        if (writeFailed) return false;
+        if (writeFailed || madeFailed) return false;
         if (!videoMore && !audioMore) return true;
     }
 }
 
 void RangeCutter::videoStep() {
-    // The frame-exact cut copies its stretch whole, and nothing past it.
-    if (job.exact && IndexPlace{groupIndex, frameIndex} == job.exact->plan().copyEnd) {
-        endVideo();
-        return;
-    }
+    if (job.exact && exactStep()) return;
     const FrameRecord& record = videoRecord();
     const Take take = job.exact ? Take::Keep : job.selection.video(record);
     if (take == Take::End) {
@@ -234,7 +246,9 @@ void RangeCutter::nextVideo() {
         ++groupIndex;
         frameIndex = 0;
     }
-    if (groupIndex >= job.groups.size()) {
+    // A frame-exact range meets the index's end as the end of its copied
+    // stretch (exactStep); the others end their video here.
+    if (groupIndex >= job.groups.size() && !job.exact) {
         job.videoDone = true;
         endVideo();
     }

@@ -59,13 +59,12 @@ public:
     static constexpr int64_t kAdtsHeader = 7;
 
 private:
-    enum class Opened { Yes, No, Stopped, WriteFailed };
-    Opened open(const EditRange& range);
-    // The frame-exact cut's opening: its pictures made, its copied stretch found.
-    Opened openExact(const EditRange& range, RangeSpan* span);
-    // Writes made pictures; false when one could not be written.
-    bool writeMade(const std::vector<MadePicture>& pictures);
-    // Ends the range's video: nothing more is copied, the made tail follows.
+    bool open(const EditRange& range);
+    // The frame-exact cut's opening: the range planned, its copied stretch found.
+    bool openExact(const EditRange& range, RangeSpan* span);
+    bool exactStep();
+    void writeMade(const MadePicture& picture);
+    // Nothing more of the range's video.
     void endVideo();
     bool readFrom(int64_t position);
     bool refill();
@@ -90,8 +89,9 @@ private:
     bool videoFinished = false;  // that side has nothing more for this range
     bool audioFinished = false;
     bool writeFailed = false;
-    bool madeFailed = false;   // a made picture could not be written
-    bool tailWritten = false;  // the frame-exact range's made tail is written
+    bool madeFailed = false;  // a picture could not be made or written
+    // Where a frame-exact range's video is: making its head, copying, making its tail.
+    enum class Phase { Head, Copy, Tail } phase = Phase::Head;
     size_t copied = 0;
     int64_t bufferPos = 0;  // file positions held by the read buffer: first byte, just past the last
     int64_t bufferEnd = 0;
