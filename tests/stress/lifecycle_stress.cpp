@@ -130,10 +130,12 @@ void drive(const std::string& media, unsigned seed, std::atomic<int>& runsLeft) 
                 }
                 if (ok) TSL_GetPicByPts(handle, pts.data(), int32_t(pts.size()));
             } else if (action == 3 && indexed) {
-                const EditRange ranges[2] = {{0, 900}, {1800, 2600}};
+                // Starts inside groups, so that the frame-exact cut makes pictures.
+                const EditRange ranges[2] = {{130, 900}, {1800, 2600}};
+                const int32_t kinds[3] = {kCutKindMp4, kCutKindSynced, kCutKindExact};
                 log->add(kMarkCutStarted);
                 TSL_CutFile(handle, files[0].c_str(), out.c_str(), ranges, 1 + int32_t(pick(2)), nullptr, 0,
-                            pick(2) ? kCutKindSynced : kCutKindMp4);
+                            kinds[pick(3)]);
                 log->add(kMarkCutReturned);
             } else if (action == 4) {
                 TSL_CancelFile(handle);
