@@ -146,16 +146,25 @@ bool ExactCut::open(const EditRange& range) {
     maker.reset();
     inTail = false;
     madeCount = 0;
-    rangePlan = planRange(range);
-    if (!rangePlan.shows) return false;
-    maker = makerFor(rangePlan.headFrom, rangePlan.head);
+    try {
+        rangePlan = planRange(range);
+        if (!rangePlan.shows) return false;
+        maker = makerFor(rangePlan.headFrom, rangePlan.head);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     return true;
 }
 
-void ExactCut::beginTail() {
+bool ExactCut::beginTail() {
     inTail = true;
     lastTailDts = rangePlan.lastCopiedDts;
-    maker = makerFor(rangePlan.tailFrom, rangePlan.tail);
+    try {
+        maker = makerFor(rangePlan.tailFrom, rangePlan.tail);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
 }
 
 ExactCut::Next ExactCut::next(MadePicture* picture, const std::function<bool()>& stop) {

@@ -48,7 +48,7 @@ public:
     const std::vector<uint8_t>& madeSets() const { return declaredSets; }
 
     // Cut thread. Plans `range` and gets ready to make its head; false when
-    // the range shows no picture.
+    // the range shows no picture (or there is no memory for its plan).
     bool open(const EditRange& range);
     const ExactPlan& plan() const { return rangePlan; }
     // The span the timeline places the range by: its first shown picture,
@@ -61,8 +61,9 @@ public:
     // is decoded as far ahead of its pts as the copied stretch is; the tail
     // follows the stretch's last dts and never runs ahead of its own pts.
     Next next(MadePicture* picture, const std::function<bool()>& stop);
-    // The copied stretch has been written: the tail comes next.
-    void beginTail();
+    // The copied stretch has been written: the tail comes next. False when
+    // there is no memory for it.
+    bool beginTail();
     // The pictures made for the range so far.
     size_t made() const { return madeCount; }
 

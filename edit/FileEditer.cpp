@@ -182,6 +182,11 @@ bool FileEditer::startJob(const char* dst, int32_t kind) {
     jobKind = kind;
     outputPath.clear();
     madeAndCopied.clear();
+    try {
+        madeAndCopied.reserve(size_t(rangeCount));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 
     if (muxer->setOutputFile(dst) != 0) {
         Log("FileEditer", "%s, the dst : %s, set failed", "Morvel_Tessalo::FileEditer::cutMp4", dst ? dst : "");
@@ -267,6 +272,7 @@ void FileEditer::runCut() {
     for (int32_t i = 0; i < rangeCount; ++i) {
         if (isStopRequested()) break;
         const RangeCutter::Result result = cutter.cut(ranges[i]);
+        // Room for every range was made before the thread started.
         if (exact) madeAndCopied.push_back({exact->made(), cutter.copiedPictures()});
         if (result == RangeCutter::Result::Finished) {
             if (mapped) mapOffsets(ranges[i], *timeline, mapped.get());

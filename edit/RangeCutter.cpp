@@ -110,8 +110,12 @@ bool RangeCutter::exactStep() {
     ExactCut& exact = *job.exact;
     if (phase == Phase::Copy) {
         if (!(IndexPlace{groupIndex, frameIndex} == exact.plan().copyEnd)) return false;
-        exact.beginTail();
         phase = Phase::Tail;
+        if (!exact.beginTail()) {
+            madeFailed = true;
+            videoMore = false;
+            return true;
+        }
     }
     MadePicture picture;
     switch (exact.next(&picture, job.stopRequested)) {
