@@ -84,6 +84,7 @@ void FileEditer::clearFrameIndex() {
     hasVideo = false;
     hasAudio = false;
     indexOrigins = IndexOrigins{};
+    displayRotation = 0;
 }
 
 bool FileEditer::findKeyGroup(const std::vector<FrameGroup*>& groups, int64_t pts, int32_t* index) {
@@ -179,6 +180,8 @@ bool FileEditer::startJob(const char* dst, int32_t kind) {
     // The synced cut's times are final, its first picture shown at 0; the
     // original one leaves the writer to move the file's start to 0.
     muxer->shiftToZero = kind == 0;
+    // The original cut's file is as it always was: upright as stored.
+    muxer->displayRotation = kind == 0 ? 0 : displayRotation;
     jobKind = kind;
     outputPath.clear();
     madeAndCopied.clear();

@@ -59,6 +59,9 @@ public:
                        const VideoTrackInfo* videoTrackInfo, const AudioTrackInfo* audioTrackInfo);
     // Where the index's timelines start on the file's own (for kind 1).
     void setIndexOrigins(const IndexOrigins& origins) { indexOrigins = origins; }
+    // The source's display rotation, clockwise degrees: the synced and
+    // frame-exact cuts' files are turned for display as the source is.
+    void setDisplayRotation(int32_t degrees) { displayRotation = degrees; }
     void clearFrameIndex();
 
     // Starts a cut job; true means the job runs, not that it has succeeded.
@@ -143,6 +146,7 @@ private:
     std::unique_ptr<uint8_t[]> videoExtraData;
     std::unique_ptr<uint8_t[]> audioExtraData;
     IndexOrigins indexOrigins;
+    int32_t displayRotation = 0;
     // The running job's kind and output path (kept to remove an output that
     // could not be written).
     int32_t jobKind = 0;

@@ -179,6 +179,7 @@ void TessaloImpl::runWorker() {
     if (editor) {
         editor->setFrameIndex(&keyGroups, &audioFrames, &videoTrackInfo, &audioTrackInfo);
         editor->setIndexOrigins(indexOrigins);
+        editor->setDisplayRotation(mediaInfo.rotation);
     }
     videoTrackInfo = VideoTrackInfo{};
     audioTrackInfo = AudioTrackInfo{};

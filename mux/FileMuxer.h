@@ -36,4 +36,7 @@ public:
     // times they are given, so a first picture shown at 0 may be decoded
     // earlier, at a negative dts, which MP4 expresses with an edit list.
     bool shiftToZero = true;
+    // Set before addVideoTrack: the degrees, clockwise, by which a player is
+    // to turn the pictures for display (a phone's portrait video); 0 for none.
+    int32_t displayRotation = 0;
 };

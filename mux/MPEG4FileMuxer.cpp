@@ -10,6 +10,7 @@
 
 extern "C" {
 #include <libavutil/channel_layout.h>
+#include <libavutil/display.h>
 #include <libavutil/mem.h>
 }
 
@@ -164,6 +165,14 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     if (avcodec_parameters_from_context(stream->codecpar, context.get()) < 0) return kErrGeneric;
     stream->codecpar->width = info->width;
     stream->codecpar->height = info->height;
+    if (displayRotation % 360 != 0) {
+        // The track header's matrix, as the source's. (The angle given here
+        // turns clockwise; the one av_display_rotation_get reads back, counterclockwise.)
+        auto* matrix = reinterpret_cast<int32_t*>(
+            av_stream_new_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t)));
+        if (!matrix) return kErrGeneric;
+        av_display_rotation_set(matrix, double(displayRotation));
+    }
     videoCodecContext = std::move(context);
     hasVideo = true;
     return kOk;

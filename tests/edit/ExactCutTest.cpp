@@ -166,6 +166,34 @@ TEST_F(ExactCut, EachRangeShowsExactlyItsSourcePicturesAndMakesOnlyWhatItMust) {
     EXPECT_EQ(made, differing);
 }
 
+// The index of the picture shown at `ms`: the last one that starts at or before it.
+size_t shownAt(const Decoded& d, int64_t ms) {
+    size_t at = 0;
+    for (size_t i = 0; i < d.pts.size(); ++i)
+        if (d.pts[i] <= ms) at = i;
+    return at;
+}
+
+TEST_F(ExactCut, EachRewrittenOffsetIsWhereTheOutputShowsTheSourcePictureOfItsTime) {
+    const std::vector<EditRange> ranges{{1300, 6290}, {7000, 7500}};
+    // Inside made and copied pictures, and one pair across both ranges, which stays as given.
+    const std::vector<EditOffset> offsets{{1500, 1700}, {5020, 6000}, {7100, 7480}, {6000, 7200}};
+    const std::string out = dir + "/offsets.mp4";
+    ASSERT_EQ(host.cut(src, out, ranges, kCutKindExact, offsets), kHostEventCutDone);
+    ASSERT_EQ(host.report.size(), offsets.size());
+    EXPECT_EQ(host.report[3].first, offsets[3].first);
+    const Decoded source = decode(src), output = decode(out);
+    for (size_t i : {0, 1, 2}) {
+        SCOPED_TRACE(offsets[i].first);
+        EXPECT_EQ(host.report[i].second - host.report[i].first, offsets[i].second - offsets[i].first);
+        const std::string& shown = output.pictures[shownAt(output, host.report[i].first)];
+        const size_t own = shownAt(source, offsets[i].first);
+        EXPECT_GE(psnr(shown, source.pictures[own]), 40.0);
+        EXPECT_GT(psnr(shown, source.pictures[own]), psnr(shown, source.pictures[own + 1]));
+        EXPECT_GT(psnr(shown, source.pictures[own]), psnr(shown, source.pictures[own - 1]));
+    }
+}
+
 TEST_F(ExactCut, ARangeFromAKeyFrameToACleanEndIsTheSyncedCutByteForByte) {
     const std::vector<EditRange> ranges{{5000, 9960}};
     ASSERT_EQ(host.cut(src, dir + "/kind1.mp4", ranges, kCutKindSynced), kHostEventCutDone);

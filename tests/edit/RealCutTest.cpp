@@ -164,6 +164,24 @@ TEST(RealCut, KindOneOffsetsPointAtTheSamePicture) {
     }
 }
 
+// A phone's portrait video stays portrait: the synced and frame-exact cuts' files carry the source's display
+// rotation (the original cut's file stays as it always was).
+TEST(RealCut, SyncedAndExactCutsTurnForDisplayAsTheSourceDoes) {
+    const std::string src = tsltest::media("rotated90.mp4"), dir = tsltest::scratchDir();
+    const auto rotation = [](const std::string& file) {
+        return tsltest::run("ffprobe -v error -select_streams v:0 -show_entries stream_side_data=rotation -of csv=p=0 " +
+                            tsltest::shellQuote(file));
+    };
+    ASSERT_NE(rotation(src), "");
+    RealHost host;
+    ASSERT_TRUE(host.index(src));
+    for (int32_t kind : {kCutKindSynced, kCutKindExact}) {
+        const std::string out = dir + "/kind" + std::to_string(kind) + ".mp4";
+        ASSERT_EQ(host.cut(src, out, {{300, 1500}}, kind), kHostEventCutDone);
+        EXPECT_EQ(rotation(out), rotation(src)) << kind;
+    }
+}
+
 // The source is opened for reading only, in both kinds: a file the user may read but not write is cut,
 // and a missing one is not created. (Tests run as root in CI, where file permissions do not bind; the
 // record of open(2) flags is what proves the mode. The program's tests cut from a read-only mount too.)
