@@ -105,6 +105,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (TSL_CutFile(t, input.c_str(), output.c_str(), &range, 1, nullptr, 0, kCutKindMp4))
                 waitEnd(e, from, {kHostEventCutDone, kHostEventCutFailed}, false);
             TSL_CancelFile(t);
+            // Half the inputs are also cut frame-exactly from inside the first group: the damaged samples
+            // go through the decoder and the pictures made of them through the encoder.
+            if (size % 2) {
+                const EditRange inside = {keys.front() + 30, keys.front() + 400};
+                from = e.seen.size();
+                if (TSL_CutFile(t, input.c_str(), output.c_str(), &inside, 1, nullptr, 0, kCutKindExact))
+                    waitEnd(e, from, {kHostEventCutDone, kHostEventCutFailed}, false);
+                TSL_CancelFile(t);
+            }
         }
     }
     TSL_DestoryTessalo(t);
