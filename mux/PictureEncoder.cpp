@@ -38,6 +38,9 @@ PictureLook PictureLook::of(const AVCodecContext& decoder, const AVFrame& frame,
     look.matrix = frame.colorspace;
     look.chromaLocation = frame.chroma_location;
     look.aspect = frame.sample_aspect_ratio;
+    // The stream's field order as the decoder found it; a picture's own flags only where it found none.
+    if (decoder.field_order != AV_FIELD_UNKNOWN) look.fields = decoder.field_order;
+    else if (frame.interlaced_frame) look.fields = frame.top_field_first ? AV_FIELD_TT : AV_FIELD_BB;
     look.frameRate = frameRate > 0 ? frameRate : 25;
     look.parameterSetId = parameterSetId;
     return look;
@@ -61,7 +64,8 @@ bool PictureEncoder::open(const PictureLook& look) {
     c.colorspace = look.matrix;
     c.chroma_sample_location = look.chromaLocation;
     c.sample_aspect_ratio = look.aspect;
-    c.field_order = AV_FIELD_PROGRESSIVE;
+    c.field_order = look.fields;
+    if (look.fields != AV_FIELD_PROGRESSIVE) c.flags |= AV_CODEC_FLAG_INTERLACED_DCT | AV_CODEC_FLAG_INTERLACED_ME;
     if (look.level > 0) c.level = look.level;
     // The parameter sets go to the file's sample description, not in front
     // of the first picture.
@@ -92,6 +96,11 @@ bool PictureEncoder::open(const PictureLook& look) {
 bool PictureEncoder::encode(AVFrame& frame, std::vector<EncodedPicture>& out) {
     if (!context) return false;
     frame.pict_type = AV_PICTURE_TYPE_NONE;
+    // libx264 takes each picture's field order over the stream's: every one gets the stream's.
+    if (context->field_order != AV_FIELD_PROGRESSIVE) {
+        frame.interlaced_frame = 1;
+        frame.top_field_first = context->field_order == AV_FIELD_TT || context->field_order == AV_FIELD_TB;
+    }
     if (avcodec_send_frame(context.get(), &frame) < 0) return false;
     return receive(out);
 }

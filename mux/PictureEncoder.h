@@ -32,6 +32,7 @@ struct PictureLook {
     int frameRate = 25;
     int parameterSetId = 1;  // of the made pictures' sequence and picture parameter sets
     bool lossless = false;   // the stream is coded losslessly: so are the made pictures
+    AVFieldOrder fields = AV_FIELD_PROGRESSIVE;  // interlaced pictures are made interlaced, in the same order
 
     // The look of `frame`, decoded by `decoder` from the stream.
     static PictureLook of(const AVCodecContext& decoder, const AVFrame& frame, int frameRate, int parameterSetId);

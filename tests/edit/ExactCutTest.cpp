@@ -194,6 +194,26 @@ TEST_F(ExactCut, EachRewrittenOffsetIsWhereTheOutputShowsTheSourcePictureOfItsTi
     }
 }
 
+TEST(ExactCutLook, AnInterlacedStreamsMadePicturesAreInterlacedInItsFieldOrder) {
+    const std::string src = tsltest::media("interlaced.mp4"), out = tsltest::scratchDir() + "/exact.mp4";
+    RealHost host;
+    ASSERT_TRUE(host.index(src));
+    ASSERT_EQ(host.cut(src, out, {{500, 2500}}, kCutKindExact), kHostEventCutDone);
+    ASSERT_GT(host.in.editor->lastExactJob().at(0).made, 0u);
+    // What ffmpeg makes of each picture's fields, and of the stream's: made pictures as the source's.
+    const auto fields = [](const std::string& file) {
+        const std::string probe = "ffprobe -v error -select_streams v:0 -of csv=p=0 -show_entries ";
+        std::set<std::string> kinds;
+        std::istringstream lines(tsltest::run(probe + "frame=interlaced_frame,top_field_first " + file));
+        for (std::string line; std::getline(lines, line);)
+            if (line.size() > 1) kinds.insert(line.substr(0, 3));
+        return std::make_pair(kinds, tsltest::run(probe + "stream=field_order " + file));
+    };
+    const auto source = fields(src), output = fields(out);
+    EXPECT_EQ(source.second, "tt\n");
+    EXPECT_EQ(output, source);
+}
+
 TEST_F(ExactCut, ARangeFromAKeyFrameToACleanEndIsTheSyncedCutByteForByte) {
     const std::vector<EditRange> ranges{{5000, 9960}};
     ASSERT_EQ(host.cut(src, dir + "/kind1.mp4", ranges, kCutKindSynced), kHostEventCutDone);

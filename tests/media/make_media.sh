@@ -166,5 +166,8 @@ make sync30.mp4 ff $(sync_source 30 44100) $sync264 -bf 2 -c:a aac -ac 2 -b:a 64
 # picture from its neighbours.
 make longgop.mp4 ff -f lavfi -i testsrc2=size=192x108:rate=25:duration=12 $(tone 44100 12) -c:v libx264 -preset veryfast \
   -g 125 -keyint_min 125 -sc_threshold 0 -bf 3 -x264-params b-pyramid=normal -pix_fmt yuv420p -c:a aac -ac 2 -shortest
+# Interlaced, top field first, as broadcast recordings are.
+make interlaced.mp4 ff -f lavfi -i testsrc2=size=160x128:rate=25:duration=3 $(tone 44100 3) -c:v libx264 -preset veryfast \
+  -flags +ildct+ilme -x264-params tff=1 -g 50 -pix_fmt yuv420p -c:a aac -ac 2 -shortest
 
 touch .complete
