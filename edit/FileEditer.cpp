@@ -256,8 +256,10 @@ void FileEditer::runCut() {
     // both tracks onto one timeline first.
     const bool synced = jobKind != 0;
     const SourceTimes times = synced ? SourceTimes::fromOrigins(indexOrigins) : SourceTimes::asIndexed();
-    RangeSelection selection(synced ? SelectionRules::synced() : SelectionRules::original(), times, *keyGroups,
-                             *audioFrames);
+    const SelectionRules rules = jobKind == 2 ? SelectionRules::exact()
+                                 : synced     ? SelectionRules::synced()
+                                              : SelectionRules::original();
+    RangeSelection selection(rules, times, *keyGroups, *audioFrames);
     std::unique_ptr<CutTimeline> timeline;
     if (synced)
         timeline = std::make_unique<BlockTimeline>(times, selection.audioFrameMs());

@@ -85,7 +85,11 @@ RangeSelection::Take RangeSelection::video(const FrameRecord& record) const {
 }
 
 RangeSelection::Take RangeSelection::audio(const FrameRecord& record) const {
-    if (rule.audioEndsWithPictures) return times.audioPts(record) < span.shownEnd ? Take::Keep : Take::End;
+    if (rule.audioEndsWithPictures) {
+        const int64_t pts = times.audioPts(record);
+        if (rule.audioWithinRange && pts > rangeEnd) return Take::End;
+        return pts < span.shownEnd ? Take::Keep : Take::End;
+    }
     return record.pts > rangeEnd ? Take::End : Take::Keep;
 }
 

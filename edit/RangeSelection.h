@@ -29,9 +29,18 @@ struct SelectionRules {
     // job (true, the original cut) or only for that range.
     bool listEndsForTheJob = true;
 
-    // The original cut (kind 0) and the synced cut (kind 1).
+    // With audioEndsWithPictures: nor does audio run past the range's end
+    // (the frame-exact cut's audio stays inside the range as its pictures do).
+    bool audioWithinRange = false;
+
+    // The original cut (kind 0), the synced cut (kind 1) and the frame-exact cut (kind 2).
     static SelectionRules original() { return {}; }
     static SelectionRules synced() { return {true, true, true, false, false}; }
+    static SelectionRules exact() {
+        SelectionRules rules = synced();
+        rules.audioWithinRange = true;
+        return rules;
+    }
 };
 
 class RangeSelection {
