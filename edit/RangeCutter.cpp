@@ -49,9 +49,10 @@ RangeCutter::Result RangeCutter::cut(const EditRange& range) {
         const bool passed = samplePass();
         if (writeFailed) return Result::WriteFailed;
         if (madeFailed) return Result::Failed;
-        // A stop inside the pass closes the range like one seen before it:
-        // the cut thread ends at once and a cancel raises no failure.
-        if (!passed || (videoFinished && audioFinished)) break;
+        // A stop inside the pass (or seen while a picture was being made)
+        // closes the range like one seen before it: the cut thread ends at
+        // once and a cancel raises no failure.
+        if (!passed || job.stopRequested() || (videoFinished && audioFinished)) break;
         if (!refill()) return Result::Failed;
     }
     job.timeline.closeRange();
@@ -176,6 +177,7 @@ bool RangeCutter::refill() {
         !videoFinished && (!job.exact || (job.exact->plan().copies && phase != Phase::Tail));
     int64_t nextPos;
     if (!videoReads) {
+        if (audioFinished) return false;  // neither side has anything left to read
         nextPos = job.audio[audioIndex]->position;
     } else if (audioFinished) {
         nextPos = videoRecord().position;

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <deque>
 #include <set>
+#include <thread>
 
 #include "RealHost.h"
 #include "edit/ExactPlan.h"
@@ -212,6 +213,23 @@ TEST(ExactCutLook, AnInterlacedStreamsMadePicturesAreInterlacedInItsFieldOrder) 
     const auto source = fields(src), output = fields(out);
     EXPECT_EQ(source.second, "tt\n");
     EXPECT_EQ(output, source);
+}
+
+TEST(ExactCutStop, AStopAtAnyMomentOfTheMakingEndsTheJobWithoutAFailure) {
+    // A file without audio, made whole: the video is all there is to stop. Stops come from just after
+    // the job starts to after it may have ended, so that some land while a picture is being made.
+    const std::string src = tsltest::media("noaudio.mp4"), out = tsltest::scratchDir() + "/stopped.mp4";
+    RealHost host;
+    ASSERT_TRUE(host.index(src));
+    const EditRange range{100, 4900};
+    for (int ms = 0; ms <= 120; ms += 6) {
+        host.events.clear();
+        ASSERT_TRUE(host.in.editor->cut(src.c_str(), out.c_str(), &range, 1, nullptr, 0, kCutKindExact));
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        host.in.editor->stopCut();
+        host.in.editor->releaseCut();
+        EXPECT_EQ(host.events.count(kHostEventCutFailed), 0u) << ms << " ms";
+    }
 }
 
 TEST_F(ExactCut, ARangeFromAKeyFrameToACleanEndIsTheSyncedCutByteForByte) {
