@@ -27,17 +27,16 @@ const char* x264Profile(int profile) {
 
 PictureLook PictureLook::of(const AVCodecContext& decoder, const AVFrame& frame, int frameRate, int parameterSetId) {
     PictureLook look;
-    look.width = frame.width;
-    look.height = frame.height;
-    look.format = static_cast<AVPixelFormat>(frame.format);
+    look.picture.reset(av_frame_alloc());
+    if (look.picture && av_frame_copy_props(look.picture.get(), &frame) >= 0) {
+        look.picture->width = frame.width;
+        look.picture->height = frame.height;
+        look.picture->format = frame.format;
+    } else {
+        look.picture.reset();
+    }
     look.profile = decoder.profile;
     look.level = decoder.level;
-    look.range = frame.color_range;
-    look.primaries = frame.color_primaries;
-    look.transfer = frame.color_trc;
-    look.matrix = frame.colorspace;
-    look.chromaLocation = frame.chroma_location;
-    look.aspect = frame.sample_aspect_ratio;
     // The stream's field order as the decoder found it; a picture's own flags only where it found none.
     if (decoder.field_order != AV_FIELD_UNKNOWN) look.fields = decoder.field_order;
     else if (frame.interlaced_frame) look.fields = frame.top_field_first ? AV_FIELD_TT : AV_FIELD_BB;
@@ -48,22 +47,23 @@ PictureLook PictureLook::of(const AVCodecContext& decoder, const AVFrame& frame,
 
 bool PictureEncoder::open(const PictureLook& look) {
     const AVCodec* x264 = avcodec_find_encoder_by_name("libx264");
-    if (!x264) return false;
+    if (!x264 || !look.picture) return false;
     context.reset(avcodec_alloc_context3(x264));
     packet.reset(av_packet_alloc());
     if (!context || !packet) return false;
     AVCodecContext& c = *context;
-    c.width = look.width;
-    c.height = look.height;
-    c.pix_fmt = look.format;
+    const AVFrame& picture = *look.picture;
+    c.width = picture.width;
+    c.height = picture.height;
+    c.pix_fmt = static_cast<AVPixelFormat>(picture.format);
+    c.color_range = picture.color_range;
+    c.color_primaries = picture.color_primaries;
+    c.color_trc = picture.color_trc;
+    c.colorspace = picture.colorspace;
+    c.chroma_sample_location = picture.chroma_location;
+    c.sample_aspect_ratio = picture.sample_aspect_ratio;
     c.time_base = AVRational{1, 1000};
     c.framerate = AVRational{look.frameRate, 1};
-    c.color_range = look.range;
-    c.color_primaries = look.primaries;
-    c.color_trc = look.transfer;
-    c.colorspace = look.matrix;
-    c.chroma_sample_location = look.chromaLocation;
-    c.sample_aspect_ratio = look.aspect;
     c.field_order = look.fields;
     if (look.fields != AV_FIELD_PROGRESSIVE) c.flags |= AV_CODEC_FLAG_INTERLACED_DCT | AV_CODEC_FLAG_INTERLACED_ME;
     if (look.level > 0) c.level = look.level;

@@ -18,23 +18,18 @@
 
 // What made pictures share with the stream they continue.
 struct PictureLook {
-    int width = 0;
-    int height = 0;
-    AVPixelFormat format = AV_PIX_FMT_NONE;
+    // A picture of the stream without its data: size, layout, sample aspect
+    // and colour description.
+    FrameHolder picture;
     int profile = FF_PROFILE_UNKNOWN;  // as the H.264 decoder names it
     int level = FF_LEVEL_UNKNOWN;
-    AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
-    AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
-    AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
-    AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
-    AVChromaLocation chromaLocation = AVCHROMA_LOC_UNSPECIFIED;
-    AVRational aspect{0, 1};
+    AVFieldOrder fields = AV_FIELD_PROGRESSIVE;  // interlaced pictures are made interlaced, in the same order
     int frameRate = 25;
     int parameterSetId = 1;  // of the made pictures' sequence and picture parameter sets
     bool lossless = false;   // the stream is coded losslessly: so are the made pictures
-    AVFieldOrder fields = AV_FIELD_PROGRESSIVE;  // interlaced pictures are made interlaced, in the same order
 
-    // The look of `frame`, decoded by `decoder` from the stream.
+    // The look of `frame`, decoded by `decoder` from the stream; without a
+    // picture when there is no memory for one.
     static PictureLook of(const AVCodecContext& decoder, const AVFrame& frame, int frameRate, int parameterSetId);
 };
 
