@@ -175,11 +175,14 @@ private:
     int reportVideo(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor);
     int reportAudio(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor);
 
+    // The opening thread (the worker).
     void resetFields();
     bool openFromTables(const char* source);
     int scanVideo(AVStream* stream, int index);
     int scanAudio(AVStream* stream, int index);
+    // The opening thread during the scan, the reader thread afterwards.
     int sendNotify(int kind, int detail, void* data);
+    // Reader thread.
     bool isStopping();
     void pause();
 };

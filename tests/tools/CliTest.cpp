@@ -242,7 +242,7 @@ TEST(CliFrames, EveryPictureOfAGroupUnderItsOwnTimestamp) {
     EXPECT_LT(same, meanDiff(ours, rgb(file, n + 1)));
 }
 
-TEST(CliCut, TwoRangesDecodeOffsetsMoveToTheOutputAndFailedJobsNameTheirCause) {
+TEST(CliCut, TwoRangesDecodeAndOffsetsMoveToTheOutput) {
     const std::string file = media("main.mp4"), dir = tsltest::scratchDir(), out = dir + "/out.mp4";
     const auto keys = tsltest::probeIndex(file).keyPts();
     ASSERT_GE(keys.size(), 5u);
@@ -262,7 +262,10 @@ TEST(CliCut, TwoRangesDecodeOffsetsMoveToTheOutputAndFailedJobsNameTheirCause) {
     EXPECT_EQ(j["offsets"][1]["source"]["second"], 100);
     EXPECT_EQ(tsltest::decodeErrors(out), "");
     EXPECT_EQ(probe(out, "stream=codec_name")["streams"].size(), 2u);
+}
 
+TEST(CliCut, AFailedJobNamesItsCauseInOneLineAndLeavesNoOutput) {
+    const std::string file = media("main.mp4"), dir = tsltest::scratchDir();
     const std::vector<std::pair<std::string, std::string>> cases = {
         {q(file) + " -o " + q(dir + "/a.mp4") + " -r 0-1000 -r 60000-61000",
          "range 2 (60000-61000 ms) starts after the last picture"},
