@@ -112,11 +112,14 @@ void expectWalkMatchesFfprobe(const std::string& file) {
     int64_t lastVideo = 0, adtsRate = 0, adtsChannels = 0, firstAudio = -1;
     std::string extraDataMd5;
     for (const auto& s : doc["streams"]) {
-        if (s.value("codec_type", "") == "video")
-            lastVideo = number(s, "index"), extraDataMd5 = s.value("extradata_hash", "MD5:").substr(4);
-        if (s.value("codec_type", "") == "audio" && firstAudio < 0) firstAudio = number(s, "index");
-        if (s.value("codec_type", "") == "audio")
-            adtsRate = tsltest::fraction(s, "time_base").second, adtsChannels = number(s, "channels");
+        if (s.value("codec_type", "") == "video") {
+            lastVideo = number(s, "index");
+            extraDataMd5 = s.value("extradata_hash", "MD5:").substr(4);
+        }
+        if (s.value("codec_type", "") != "audio") continue;
+        if (firstAudio < 0) firstAudio = number(s, "index");
+        adtsRate = tsltest::fraction(s, "time_base").second;
+        adtsChannels = number(s, "channels");
     }
     size_t total = index.audioFrames.size();  // what the index gets is all a walk delivers
     for (const auto& group : index.keyGroups) total += group.size();

@@ -123,7 +123,10 @@ TEST(PictureFetch, ALaterSampleThatCannotBeHeldEndsTheRequestAsTheFileWould) {
         FrameRecord& bad = *(*fetch.impl.keyGroups[0])[3];
         if (variant == 0) bad.position = -1;
         if (variant == 1) bad.size = kReadBufferSize + 1;
-        if (variant == 2) bad.size = 0x100000, bad.position = fileSize - 100;
+        if (variant == 2) {
+            bad.size = 0x100000;
+            bad.position = fileSize - 100;
+        }
         std::vector<int64_t> asked;
         for (const FrameRecord* r : *fetch.impl.sortedKeyGroups[0]) asked.push_back(r->pts);
         EXPECT_TRUE(fetch.run(asked));
