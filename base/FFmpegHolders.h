@@ -10,6 +10,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
 #include <libavutil/dict.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
@@ -73,6 +74,23 @@ struct ParserFree {
     void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
 };
 
+// An AVChannelLayout held by value, unspecified at first: a custom layout's
+// channel map goes with it.
+struct ChannelLayoutHolder {
+    ChannelLayoutHolder() = default;
+    ~ChannelLayoutHolder() { av_channel_layout_uninit(&layout); }
+    ChannelLayoutHolder(const ChannelLayoutHolder&) = delete;
+    ChannelLayoutHolder& operator=(const ChannelLayoutHolder&) = delete;
+    AVChannelLayout layout{};
+};
+
+// Gives a layout that FFmpeg owns (a codec context's) the default layout of
+// `channels`, freeing the map of the one it had.
+inline void setDefaultLayout(AVChannelLayout* layout, int channels) {
+    av_channel_layout_uninit(layout);
+    av_channel_layout_default(layout, channels);
+}
+
 // Gives a codec context a copy of `size` bytes of extra data, in place of
 // any it had. FFmpeg reads extradata with its wide bit readers, so the copy
 // has AV_INPUT_BUFFER_PADDING_SIZE zeroed bytes behind it. False (the context
@@ -90,7 +108,9 @@ inline bool replaceExtraData(AVCodecContext* context, const uint8_t* data, int s
 
 }  // namespace ffmpeg_holders
 
+using ffmpeg_holders::ChannelLayoutHolder;
 using ffmpeg_holders::closeOutputFile;
+using ffmpeg_holders::setDefaultLayout;
 using ffmpeg_holders::replaceExtraData;
 
 using InputFormatHolder = std::unique_ptr<AVFormatContext, ffmpeg_holders::InputFormatFree>;
