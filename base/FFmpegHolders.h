@@ -1,7 +1,10 @@
 #pragma once
 // The one place where FFmpeg objects are given back: each holder is a
 // unique_ptr whose deleter calls the object's own free function. Code that
-// owns an FFmpeg object keeps it in one of these and never frees it by hand.
+// owns an FFmpeg object keeps it in one of these and never frees it by hand;
+// the few places where FFmpeg's own objects must give something back early
+// (an output file closed before its context, a codec context's extra data or
+// channel layout replaced) go through the helpers here too.
 #include <cstdint>
 #include <cstring>
 #include <memory>

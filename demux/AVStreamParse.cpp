@@ -198,11 +198,7 @@ int AVStreamParse::open(const char* source) {
     // A second open would hand FFmpeg a context it already filled.
     closeInput();
     int result = 0;
-    if (!openFromTables(source)) {
-        AVFormatContext* opened = nullptr;
-        result = avformat_open_input(&opened, source, nullptr, nullptr);
-        formatContext.reset(opened);
-    }
+    if (!openFromTables(source)) formatContext = openInput(source, &result);
     if (result < 0) failureCode = result;
     if (result == kMissingFile) {
         Log("AVStream", "Could not open input stream.ret=%d  stream path = %s, url is error \n", result,
