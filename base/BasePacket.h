@@ -17,7 +17,8 @@ public:
 
     // Gives the old block back and takes a new one of `capacity` bytes, from
     // av_malloc so that it carries FFmpeg's alignment. False, with `data`
-    // null, when there is no memory; `size` is left to the caller.
+    // null, when there is no memory; `size` is left to the caller. On the
+    // thread of the decoder that fills the packet (the worker).
     bool replaceBlock(uint32_t capacity);
 
     int64_t pts = 0;

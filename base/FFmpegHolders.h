@@ -1,7 +1,10 @@
 #pragma once
 // The one place where FFmpeg objects are given back: each holder is a
 // unique_ptr whose deleter calls the object's own free function. Code that
-// owns an FFmpeg object keeps it in one of these and never frees it by hand.
+// owns an FFmpeg object keeps it in one of these and never frees it by hand;
+// the few places where FFmpeg's own objects must give something back early
+// (an output file closed before its context, a codec context's extra data or
+// channel layout replaced) go through the helpers here too.
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -10,6 +13,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
 #include <libavutil/dict.h>
 #include <libavutil/frame.h>
 #include <libavutil/mem.h>
@@ -73,6 +77,23 @@ struct ParserFree {
     void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
 };
 
+// An AVChannelLayout held by value, unspecified at first: a custom layout's
+// channel map goes with it.
+struct ChannelLayoutHolder {
+    ChannelLayoutHolder() = default;
+    ~ChannelLayoutHolder() { av_channel_layout_uninit(&layout); }
+    ChannelLayoutHolder(const ChannelLayoutHolder&) = delete;
+    ChannelLayoutHolder& operator=(const ChannelLayoutHolder&) = delete;
+    AVChannelLayout layout{};
+};
+
+// Gives a layout that FFmpeg owns (a codec context's) the default layout of
+// `channels`, freeing the map of the one it had.
+inline void setDefaultLayout(AVChannelLayout* layout, int channels) {
+    av_channel_layout_uninit(layout);
+    av_channel_layout_default(layout, channels);
+}
+
 // Gives a codec context a copy of `size` bytes of extra data, in place of
 // any it had. FFmpeg reads extradata with its wide bit readers, so the copy
 // has AV_INPUT_BUFFER_PADDING_SIZE zeroed bytes behind it. False (the context
@@ -90,7 +111,9 @@ inline bool replaceExtraData(AVCodecContext* context, const uint8_t* data, int s
 
 }  // namespace ffmpeg_holders
 
+using ffmpeg_holders::ChannelLayoutHolder;
 using ffmpeg_holders::closeOutputFile;
+using ffmpeg_holders::setDefaultLayout;
 using ffmpeg_holders::replaceExtraData;
 
 using InputFormatHolder = std::unique_ptr<AVFormatContext, ffmpeg_holders::InputFormatFree>;

@@ -163,8 +163,7 @@ int32_t SoftMediaDecoder::setAudioParameter(int32_t id, void* value) {
         else if (v == 32) context->sample_fmt = AV_SAMPLE_FMT_S32;
         else return kErrInvalidArgument;
     } else {
-        av_channel_layout_uninit(&context->ch_layout);
-        av_channel_layout_default(&context->ch_layout, v);
+        setDefaultLayout(&context->ch_layout, v);
     }
     return kOk;
 }
@@ -313,13 +312,16 @@ int32_t SoftMediaDecoder::convertAudio() {
     // The input layout is the frame's own when it carries one: that is what
     // swr_convert will read. A frame with only a channel count gets the
     // default layout for that count.
-    AVChannelLayout inLayout{};
+    ChannelLayoutHolder in;
+    AVChannelLayout& inLayout = in.layout;
     if (f->ch_layout.order != AV_CHANNEL_ORDER_UNSPEC) {
         if (av_channel_layout_copy(&inLayout, &f->ch_layout) < 0) return kErrGeneric;
     } else {
         av_channel_layout_default(&inLayout, f->ch_layout.nb_channels);
     }
-    AVChannelLayout outLayout = AV_CHANNEL_LAYOUT_STEREO;
+    ChannelLayoutHolder out;
+    AVChannelLayout& outLayout = out.layout;
+    av_channel_layout_default(&outLayout, 2);  // stereo
     if (f->ch_layout.nb_channels == 2 && f->ch_layout.order != AV_CHANNEL_ORDER_UNSPEC)
         av_channel_layout_copy(&outLayout, &f->ch_layout);
     // The room is counted in samples per channel here, and audioOut holds
@@ -351,7 +353,5 @@ int32_t SoftMediaDecoder::convertAudio() {
             }
         }
     }
-    av_channel_layout_uninit(&inLayout);
-    av_channel_layout_uninit(&outLayout);
     return result;
 }

@@ -148,6 +148,7 @@ void AVStreamParse::resetFields() {
     frameRate = 0.0;
     rotation = 0;
     duration = 0.0;
+    failureCode = 0;
     state = kParseStateIdle;
     for (int i = 0; i < kParseTableSize; ++i) {
         channels[i] = 0xFFFF;
@@ -197,11 +198,8 @@ int AVStreamParse::open(const char* source) {
     // A second open would hand FFmpeg a context it already filled.
     closeInput();
     int result = 0;
-    if (!openFromTables(source)) {
-        AVFormatContext* opened = nullptr;
-        result = avformat_open_input(&opened, source, nullptr, nullptr);
-        formatContext.reset(opened);
-    }
+    if (!openFromTables(source)) formatContext = openInput(source, &result);
+    if (result < 0) failureCode = result;
     if (result == kMissingFile) {
         Log("AVStream", "Could not open input stream.ret=%d  stream path = %s, url is error \n", result,
             source);
@@ -248,7 +246,11 @@ int AVStreamParse::sendNotify(int kind, int detail, void* data) {
 
 int AVStreamParse::scanStreams() {
     if (!formatContext) return 1;
-    if (avformat_find_stream_info(formatContext.get(), nullptr) < 0) return 1;
+    const int found = avformat_find_stream_info(formatContext.get(), nullptr);
+    if (found < 0) {
+        failureCode = found;
+        return 1;
+    }
     duration = formatContext->duration == AV_NOPTS_VALUE
                    ? 0.0
                    : static_cast<double>(formatContext->duration) / 1000.0;
@@ -440,6 +442,7 @@ void AVStreamParse::readLoop() {
             return;
         }
         if (result != 0) {
+            failureCode = result;
             if (++cursor.readFailures > kMaxReadFailures) {
                 sendNotify(kParseError, 0, nullptr);
                 return;

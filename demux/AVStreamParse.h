@@ -117,6 +117,10 @@ public:
     double frameRate = 0.0;
     int32_t rotation = 0;  // display rotation of the last accepted video stream: 0, 90, 180 or 270 clockwise
     double duration = 0.0;  // ms
+    // FFmpeg's error (below 0) behind the last failure of the open, the scan
+    // or the reads; 0 while none came from FFmpeg. Written by the thread that
+    // fails, before it raises the failure.
+    int failureCode = 0;
     int32_t state = kParseStateIdle;  // guarded by mutex once the reader runs
     uint16_t channels[kParseTableSize];
     int32_t sampleRates[kParseTableSize];
@@ -172,11 +176,14 @@ private:
     int reportVideo(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor);
     int reportAudio(const AVPacket* packet, const AVStream* stream, ReadCursor* cursor);
 
+    // The opening thread (the worker).
     void resetFields();
     bool openFromTables(const char* source);
     int scanVideo(AVStream* stream, int index);
     int scanAudio(AVStream* stream, int index);
+    // The opening thread during the scan, the reader thread afterwards.
     int sendNotify(int kind, int detail, void* data);
+    // Reader thread.
     bool isStopping();
     void pause();
 };

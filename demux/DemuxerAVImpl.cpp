@@ -128,7 +128,8 @@ void DemuxerAVImpl::setProperty(int id, const char* value) {
 void DemuxerAVImpl::getProperty(int id, void* storage) {
     // Before start there are no values to give: nothing is written.
     if (!parser || !storage) return;
-    if (!putVideoProperty(*parser, id, storage)) putAudioProperty(*parser, id, storage);
+    if (id == kDemuxerPropFailureCode) putInt(storage, parser->failureCode);
+    else if (!putVideoProperty(*parser, id, storage)) putAudioProperty(*parser, id, storage);
 }
 
 int DemuxerAVImpl::onParseNotify(int kind, int detail, void* data, void* user) {

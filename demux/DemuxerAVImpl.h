@@ -1,7 +1,9 @@
 #pragma once
 // The demuxer built on FFmpeg: owns one AVStreamParse, turns its
 // notifications into the two callbacks of DemuxerBase and answers property
-// queries from the parser's fields.
+// queries from the parser's fields. Each operation runs on the thread that
+// DemuxerBase names for it; onParseNotify on the thread that raised the
+// notification (the worker during start, the reader afterwards).
 #include <memory>
 
 #include "demux/DemuxerBase.h"

@@ -64,6 +64,11 @@ constexpr int kDemuxerPropRotation = 16;              // int32: 0, 90, 180 or 27
 // instance/FrameRecord.h). Written by the reader; read once it has ended.
 constexpr int kDemuxerPropIndexOrigins = 17;          // IndexOrigins
 
+// Inside a failure event (or once the reader has ended): FFmpeg's error code
+// behind it, 0 when the failure came from no FFmpeg call (a refused codec,
+// rate or channel count). Id 18 is none.
+constexpr int kDemuxerPropFailureCode = 19;          // int32
+
 // The only id of setProperty.
 constexpr int kDemuxerPropPath = 0;
 

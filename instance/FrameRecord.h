@@ -25,5 +25,6 @@ struct IndexOrigins {
 };
 
 // One key sample and every sample after it up to the next key sample. The
-// vector owns its records: whoever empties it deletes them.
+// group points at records that the index owns (TessaloImpl::frameRecords):
+// emptying or reordering a group frees nothing.
 using FrameGroup = std::vector<FrameRecord*>;

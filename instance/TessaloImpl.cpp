@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "base/ByteCopy.h"
+#include "base/Log.h"
 #include "decode/DecoderBase.h"
 #include "demux/DemuxerAVImpl.h"
 #include "edit/FileEditer.h"
@@ -61,6 +62,7 @@ bool TessaloImpl::startPic(const char* newPath) {
         editor->releaseCut();
     }
     clearIndex();
+    failureCode = 0;
     path.reset();
     if (!newPath) return false;
     const size_t length = std::strlen(newPath) + 1;
@@ -296,6 +298,7 @@ int TessaloImpl::onDemuxerPacket(int kind, DemuxerPacket* packet, void* user) {
 void TessaloImpl::onDemuxerEvent(int kind, int detail, void*, void* user) {
     auto* self = static_cast<TessaloImpl*>(user);
     if (!self) return;
+    if (kind == kDemuxerEventError || kind == kDemuxerEventOpenFailed) self->keepFailureCode(kind, detail);
     switch (kind) {
     case kDemuxerEventError:
         switch (detail) {
@@ -326,6 +329,12 @@ void TessaloImpl::onDemuxerEvent(int kind, int detail, void*, void* user) {
     default:
         break;
     }
+}
+
+void TessaloImpl::keepFailureCode(int kind, int detail) {
+    failureCode = 0;
+    if (demuxer) demuxer->getProperty(kDemuxerPropFailureCode, &failureCode);
+    Log("TessaloImpl", "walk failed: demuxer event %d, detail %d, FFmpeg error %d", kind, detail, failureCode);
 }
 
 void TessaloImpl::onEditerNotify(void* context, int32_t code) {

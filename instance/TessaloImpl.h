@@ -144,6 +144,10 @@ public:
     std::unique_ptr<uint8_t[]> annexBExtraData;
     VideoTrackInfo videoTrackInfo{};
     AudioTrackInfo audioTrackInfo{};
+    // FFmpeg's error code behind the walk's last failure or refusal event, as
+    // the demuxer gave it while raising the event (0: none came from FFmpeg).
+    // The events stay as they are; this keeps the cause next to them.
+    int32_t failureCode = 0;
     // Where the index's video and audio timelines start in the file, kept from
     // the walk's demuxer for the cut engine (which keeps the source's sync).
     IndexOrigins indexOrigins{};
@@ -152,6 +156,8 @@ public:
 private:
     // Reader thread.
     void addToGroups(const FrameRecord& record, FrameGroup** current, std::vector<FrameGroup*>* groups);
+    // Reader thread or worker, inside a failure event of the demuxer.
+    void keepFailureCode(int kind, int detail);
     // Worker thread.
     void runWorker();
     void releaseWorkerObjects();

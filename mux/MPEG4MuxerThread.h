@@ -62,7 +62,8 @@ private:
 };
 
 // Sees every packet exactly as it goes to av_interleaved_write_frame, and a
-// null packet for each flush of the interleaving queue. For tests that need
+// null packet for each flush of the interleaving queue, on the writing
+// thread. For tests that need
 // the order of writing, which the finished file no longer shows (libavformat
 // re-sorts by dts). Set it before start and clear it after stop.
 using MuxWriteObserver = void (*)(void* user, const AVPacket* packet);

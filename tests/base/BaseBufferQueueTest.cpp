@@ -86,8 +86,9 @@ public:
     }
 };
 
-TEST(BaseThread, RunsUntilAskedToStopAndEntryIgnoresNull) {
-    EXPECT_EQ(threadEntry(nullptr), nullptr);
+TEST(BaseThread, TheEntryIgnoresANullObject) { EXPECT_EQ(threadEntry(nullptr), nullptr); }
+
+TEST(BaseThread, RunsUntilAskedToStopAndTheJoinWaitsForItsEnd) {
     auto* thread = new CountingThread;
     std::unique_ptr<BaseThread> base(thread);  // goes through the virtual destructor
     ASSERT_TRUE(thread->startThread());

@@ -112,11 +112,14 @@ void expectWalkMatchesFfprobe(const std::string& file) {
     int64_t lastVideo = 0, adtsRate = 0, adtsChannels = 0, firstAudio = -1;
     std::string extraDataMd5;
     for (const auto& s : doc["streams"]) {
-        if (s.value("codec_type", "") == "video")
-            lastVideo = number(s, "index"), extraDataMd5 = s.value("extradata_hash", "MD5:").substr(4);
-        if (s.value("codec_type", "") == "audio" && firstAudio < 0) firstAudio = number(s, "index");
-        if (s.value("codec_type", "") == "audio")
-            adtsRate = tsltest::fraction(s, "time_base").second, adtsChannels = number(s, "channels");
+        if (s.value("codec_type", "") == "video") {
+            lastVideo = number(s, "index");
+            extraDataMd5 = s.value("extradata_hash", "MD5:").substr(4);
+        }
+        if (s.value("codec_type", "") != "audio") continue;
+        if (firstAudio < 0) firstAudio = number(s, "index");
+        adtsRate = tsltest::fraction(s, "time_base").second;
+        adtsChannels = number(s, "channels");
     }
     size_t total = index.audioFrames.size();  // what the index gets is all a walk delivers
     for (const auto& group : index.keyGroups) total += group.size();
@@ -201,24 +204,31 @@ TEST(Demuxer, WalksMatchFfprobe) {
     expectWalkMatchesFfprobe(two);
 }
 
-// Before start nothing is written; only id 0 sets the path and the last one
-// wins, even past the parser's 2047-byte copy (FFmpeg gets the whole path).
-// Zero from the packet callback holds the reader until resume; stop ends a
-// paused reader, and neither a second stop nor destruction sends anything.
-// (The instance's walk tests stop readers in their loop.)
-TEST(Demuxer, PathPauseResumeAndStop) {
-    const size_t threadsBefore = tsltest::threadCount();
-    Recorder r(tsltest::media("no-such-file.mp4"));
+TEST(Demuxer, WritesNoPropertyBeforeStart) {
+    Recorder r(tsltest::media("main.mp4"));
     for (int id = 0; id <= 17; ++id) {
         uint64_t storage = kUntouched;
         r.demuxer->getProperty(id, &storage);
         EXPECT_EQ(storage, kUntouched) << "id " << id;
     }
+}
+
+// Only id 0 sets the path and the last one wins, even past the parser's
+// 2047-byte copy (FFmpeg gets the whole path).
+TEST(Demuxer, TheLastPathOfIdZeroIsOpened) {
+    Recorder r(tsltest::media("no-such-file.mp4"));
     std::string path = tsltest::media("");
     while (path.size() < 2100) path += "./";
     r.demuxer->setProperty(kDemuxerPropPath, (path + "large.mp4").c_str());
     r.demuxer->setProperty(1, tsltest::media("no-such-file.mp4").c_str());
-    r.answer = [](size_t n) { return n == 9 || n == 19 ? 0 : 1; };
+    ASSERT_EQ(r.demuxer->start(), 1);
+    EXPECT_TRUE(r.waitFor(1, 1));
+}
+
+// Zero from the packet callback holds the reader until resume.
+TEST(Demuxer, AZeroAnswerPausesTheReaderUntilResume) {
+    Recorder r(tsltest::media("large.mp4"));
+    r.answer = [](size_t n) { return n == 9 ? 0 : 1; };
     ASSERT_EQ(r.demuxer->start(), 1);
     ASSERT_TRUE(r.waitFor(1, 10));
     // Unpaused, the reader would have the next packet out well within this.
@@ -229,7 +239,17 @@ TEST(Demuxer, PathPauseResumeAndStop) {
         r.demuxer->resume(0);
         flowing = r.waitFor(1, 11, 200ms);
     }
-    ASSERT_TRUE(flowing);
+    EXPECT_TRUE(flowing);
+}
+
+// Stop ends a paused reader before it returns, and neither a second stop nor
+// destruction sends anything. (The instance's walk tests stop readers in
+// their loop.)
+TEST(Demuxer, StopEndsAPausedReaderAndNothingFollows) {
+    const size_t threadsBefore = tsltest::threadCount();
+    Recorder r(tsltest::media("large.mp4"));
+    r.answer = [](size_t n) { return n == 19 ? 0 : 1; };
+    ASSERT_EQ(r.demuxer->start(), 1);
     ASSERT_TRUE(r.waitFor(1, 20));
     EXPECT_EQ(tsltest::threadCount(), threadsBefore + 1) << "the reader runs";
     r.demuxer->stop();
@@ -238,12 +258,16 @@ TEST(Demuxer, PathPauseResumeAndStop) {
     r.demuxer.reset();
     EXPECT_EQ(r.packets.size(), 20u);
     EXPECT_EQ(r.events.size(), 1u) << "only the ready event";
+}
+
+TEST(Demuxer, DestroyingAWalkingDemuxerEndsItsReader) {
+    const size_t threadsBefore = tsltest::threadCount();
     {
         Recorder walking(tsltest::media("large.mp4"));
         ASSERT_EQ(walking.demuxer->start(), 1);
         ASSERT_TRUE(walking.waitFor(1, 1));
     }
-    EXPECT_EQ(tsltest::threadCount(), threadsBefore) << "destroying a walking demuxer ends its reader";
+    EXPECT_EQ(tsltest::threadCount(), threadsBefore);
 }
 
 // 44100 Hz stereo is the worked example; then 48000 Hz mono, six channels

@@ -25,6 +25,11 @@ bool mustFail() { return failing.load() && !exempt && std::this_thread::get_id()
 
 }  // namespace
 
+// Every block of these replacements comes from malloc and goes back with free;
+// GCC, inlining the deletes into code it compiled against the built-in new,
+// cannot see that and warns of a mismatch.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
 void* operator new(std::size_t size) {
     if (mustFail()) throw std::bad_alloc();
     if (void* block = std::malloc(size ? size : 1)) return block;

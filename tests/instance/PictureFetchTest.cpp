@@ -103,14 +103,15 @@ TEST(PictureFetch, SampleBeforeTheBufferIsReadFromItsPlace) {
     EXPECT_EQ(fetch.md5s, want) << "key pictures depend on themselves only";
 }
 
-TEST(PictureFetch, UnknownPositionsAndOversizedSamplesEndTheRequest) {
-    {
-        // The first sample without a position: nothing unrelated is decoded.
-        Fetch fetch;
-        fetch.impl.keyGroups[0]->front()->position = -1;
-        EXPECT_FALSE(fetch.run(fetch.keys()));
-        EXPECT_EQ(fetch.events, (std::vector<int32_t>{kHostEventFileError}));
-    }
+// Nothing unrelated is decoded from the bytes at the start of the file.
+TEST(PictureFetch, AFirstSampleWithoutAPositionFailsTheRequest) {
+    Fetch fetch;
+    fetch.impl.keyGroups[0]->front()->position = -1;
+    EXPECT_FALSE(fetch.run(fetch.keys()));
+    EXPECT_EQ(fetch.events, (std::vector<int32_t>{kHostEventFileError}));
+}
+
+TEST(PictureFetch, ALaterSampleThatCannotBeHeldEndsTheRequestAsTheFileWould) {
     // A later sample without a position, longer than the read buffer, or
     // reaching past the end of the file: the request ends there, as at the
     // end of the file: what the decoder still holds comes out, and each asked
@@ -122,7 +123,10 @@ TEST(PictureFetch, UnknownPositionsAndOversizedSamplesEndTheRequest) {
         FrameRecord& bad = *(*fetch.impl.keyGroups[0])[3];
         if (variant == 0) bad.position = -1;
         if (variant == 1) bad.size = kReadBufferSize + 1;
-        if (variant == 2) bad.size = 0x100000, bad.position = fileSize - 100;
+        if (variant == 2) {
+            bad.size = 0x100000;
+            bad.position = fileSize - 100;
+        }
         std::vector<int64_t> asked;
         for (const FrameRecord* r : *fetch.impl.sortedKeyGroups[0]) asked.push_back(r->pts);
         EXPECT_TRUE(fetch.run(asked));

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "instance/TessaloImpl.h"
+#include "base/FFmpegHolders.h"
 #include "support/ProbeIndex.h"
 #include "support/TestSupport.h"
 
@@ -102,6 +103,26 @@ TEST(Walk, AStoppedWalkAnnouncesItsUnsortedPart) {
         return;
     }
     GTEST_SKIP() << "no stop landed inside a walk";
+}
+
+// The event says which rule broke; FFmpeg's own code stays beside it, and a
+// refusal of the library's own (a codec it does not take) carries none.
+TEST(Walk, AFailureKeepsFFmpegsCodeBesideItsEvent) {
+    const struct { std::string path; int32_t event; int code; } cases[] = {
+        {tsltest::scratchDir() + "/absent.mp4", kHostEventFileError, AVERROR(ENOENT)},
+        {tsltest::media("text.mp4"), kHostEventFileError, AVERROR_INVALIDDATA},
+        {tsltest::media("hevc.mp4"), kHostEventBadCodec, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        tsltest::EventRecorder events;
+        TessaloImpl instance(&events, &tsltest::EventRecorder::callback);
+        instance.failureCode = 1;  // a walk starts without a cause
+        ASSERT_TRUE(instance.startPic(c.path.c_str()));
+        ASSERT_TRUE(events.waitFor(c.event));
+        instance.stopWorker();
+        EXPECT_EQ(instance.failureCode, c.code);
+    }
 }
 
 }  // namespace

@@ -216,7 +216,9 @@ TEST(Mux, KeptTimesAreTheFilesOwn) {
     int64_t first[2] = {kTimestampUnset, kTimestampUnset}, videoDts = kTimestampUnset;
     for (const muxfixture::Sample& s : r.clip.samples) {
         ASSERT_EQ(kOk, r.muxer.WriteSampleData(s.bytes.data(), int32_t(s.bytes.size()), s.track, s.pts, s.dts, s.flags));
-        if (first[s.track] == kTimestampUnset) first[s.track] = s.pts, videoDts = s.track ? s.dts : videoDts;
+        if (first[s.track] != kTimestampUnset) continue;
+        first[s.track] = s.pts;
+        if (s.track == kTrackVideo) videoDts = s.dts;
     }
     r.stop();
     ASSERT_EQ(first[kTrackVideo], 0);

@@ -32,37 +32,61 @@ size_t expectLikeFfmpeg(Host& host, const std::vector<int64_t>& asked, const std
 
 }  // namespace
 
-// main.mp4 (B-frames, five groups): key mode over every key, each key alone,
-// run mode over two groups in a row and over the last group; then requests
-// refused, and requests given up for a new one.
-TEST(PictureRequests, MainFile) {
+// main.mp4: B-frames, five groups of 320 x 240, indexed afresh for each
+// request; ffmpeg's pictures of it are decoded once for all.
+class MainFileRequests : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        keyMd5 = tsltest::ffmpegFrameMd5(tsltest::media("main.mp4"), true);
+        allMd5 = tsltest::ffmpegFrameMd5(tsltest::media("main.mp4"), false);
+    }
+    void SetUp() override {
+        ASSERT_TRUE(host.index(tsltest::media("main.mp4")));
+        keys = host.keyPts();
+        all = host.allPts();
+        ASSERT_EQ(keys.size(), 5u);
+        ASSERT_TRUE(keyMd5.size() == keys.size() && allMd5.size() == all.size());
+    }
+    static std::vector<std::string> keyMd5, allMd5;
     Host host;
-    ASSERT_TRUE(host.index(tsltest::media("main.mp4")));
-    const std::vector<int64_t> keys = host.keyPts(), all = host.allPts();
-    const std::vector<std::string> keyMd5 = tsltest::ffmpegFrameMd5(tsltest::media("main.mp4"), true),
-                                   allMd5 = tsltest::ffmpegFrameMd5(tsltest::media("main.mp4"), false);
-    ASSERT_EQ(keys.size(), 5u);
-    ASSERT_TRUE(keyMd5.size() == keys.size() && allMd5.size() == all.size());
-    // Key mode, format 0: one picture per group, each a key picture in I420.
+    std::vector<int64_t> keys, all;
+};
+std::vector<std::string> MainFileRequests::keyMd5, MainFileRequests::allMd5;
+
+TEST_F(MainFileRequests, KeyModeGivesEveryKeyPictureInI420) {
     EXPECT_EQ(expectLikeFfmpeg(host, keys, keys, keyMd5), keys.size());
     for (const Picture& p : host.pictures) EXPECT_TRUE(p.key == 1 && p.bytes.size() == 320 * 240 * 3 / 2) << p.pts;
+}
+
+TEST_F(MainFileRequests, AKeyAskedAloneComesAloneAsAKeyPicture) {
     for (int64_t key : {keys[0], keys[2], keys.back()}) {
         EXPECT_EQ(expectLikeFfmpeg(host, {key}, keys, keyMd5), 1u);
         EXPECT_EQ(host.events.events(), kOnePicture);
         EXPECT_EQ(host.pictures.at(0).key, 1);
     }
-    // Run mode: a group followed by the next, every picture where ffmpeg has it.
-    std::vector<int64_t> run = host.groupPts(keys[1]), next = host.groupPts(keys[2]);
+}
+
+TEST_F(MainFileRequests, RunModeGivesTwoGroupsInARowWhereFfmpegHasThem) {
+    std::vector<int64_t> run = host.groupPts(keys[1]);
+    const std::vector<int64_t> next = host.groupPts(keys[2]);
     run.insert(run.end(), next.begin(), next.end());
     EXPECT_EQ(expectLikeFfmpeg(host, run, all, allMd5), run.size());
-    // The last group: the decoder is drained once the samples run out.
+}
+
+// The decoder is drained once the samples run out.
+TEST_F(MainFileRequests, TheLastGroupComesWhole) {
     const std::vector<int64_t> last = host.groupPts(keys.back());
     EXPECT_EQ(expectLikeFfmpeg(host, last, all, allMd5), last.size());
-    // A timestamp that is no key sample's, asked alone; the next request is served.
+}
+
+TEST_F(MainFileRequests, ATimestampOfNoKeyAskedAloneFailsAndTheNextRequestIsServed) {
     EXPECT_EQ(host.request({all[1]}), (Events{kHostEventPicStart, kHostEventError}));
     EXPECT_EQ(host.request({-5}), (Events{kHostEventPicStart, kHostEventError}));
     EXPECT_EQ(host.request({keys[0]}), kOnePicture);
-    EXPECT_FALSE(TSL_GetPicByPts(host.handle, keys.data(), 0)) << "a count below 1";
+}
+
+TEST_F(MainFileRequests, ACountBelowOneIsRefused) {
+    EXPECT_FALSE(TSL_GetPicByPts(host.handle, keys.data(), 0));
 }
 
 // A long key-mode request (every key of a file of 600 groups) given up at once

@@ -107,7 +107,8 @@ size_t threadCount() {
 FileSizeLimit::FileSizeLimit(uint64_t bytes) {
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
-    saved[0] = limit.rlim_cur, saved[1] = limit.rlim_max;
+    saved[0] = limit.rlim_cur;
+    saved[1] = limit.rlim_max;
     savedHandler = signal(SIGXFSZ, SIG_IGN);
     limit.rlim_cur = bytes;
     EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));

@@ -1,5 +1,6 @@
 #include "DemoClip.h"
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <stdexcept>
@@ -48,10 +49,11 @@ void drawPicture(Image& image, int index) {
             uint8_t* p = &image.rgb[(static_cast<size_t>(y) * kWidth + x) * 3];
             if (y < kHeight * 2 / 3) {
                 const uint8_t* c = bars[((x + shift) * 7 / kWidth) % 7];
-                p[0] = c[0], p[1] = c[1], p[2] = c[2];
+                std::copy(c, c + 3, p);
             } else {
                 const auto g = static_cast<uint8_t>((x + shift) * 255 / kWidth % 256);
-                p[0] = g, p[1] = static_cast<uint8_t>(255 - g), p[2] = 96;
+                const uint8_t gradient[3] = {g, static_cast<uint8_t>(255 - g), 96};
+                std::copy(gradient, gradient + 3, p);
             }
         }
     const int side = 48;
@@ -62,7 +64,8 @@ void drawPicture(Image& image, int index) {
     for (int y = top; y < top + side; ++y)
         for (int x = left; x < left + side; ++x) {
             uint8_t* p = &image.rgb[(static_cast<size_t>(y) * kWidth + x) * 3];
-            p[0] = 255, p[1] = 128, p[2] = 0;
+            static const uint8_t orange[3] = {255, 128, 0};
+            std::copy(orange, orange + 3, p);
         }
     const std::string clock = clockText(static_cast<int64_t>(index) * 1000 / kFps);
     const int scale = 4;
@@ -90,9 +93,13 @@ void toYuv420(const Image& image, AVFrame* frame) {
             for (int dy = 0; dy < 2; ++dy)
                 for (int dx = 0; dx < 2; ++dx) {
                     const uint8_t* p = &image.rgb[(static_cast<size_t>(2 * y + dy) * kWidth + 2 * x + dx) * 3];
-                    r += p[0], g += p[1], b += p[2];
+                    r += p[0];
+                    g += p[1];
+                    b += p[2];
                 }
-            r /= 4, g /= 4, b /= 4;
+            r /= 4;
+            g /= 4;
+            b /= 4;
             frame->data[1][y * frame->linesize[1] + x] = static_cast<uint8_t>(((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128);
             frame->data[2][y * frame->linesize[2] + x] = static_cast<uint8_t>(((112 * r - 94 * g - 18 * b + 128) >> 8) + 128);
         }
