@@ -295,9 +295,9 @@ void FileEditer::runCut() {
     const bool alreadyTold = cutFailed && !writeFailed;
 
     // onMuxComplete reads cutFailed and the host reads offsets on the muxer
-    // thread; taking stopMutex here, after the last write to them, orders those
-    // writes before its own lock of the same mutex.
-    (void)isStopRequested();
+    // thread. Both were written before finishJob stops the muxer, and its
+    // writing thread ends, and raises the done event, only once it has seen
+    // that stop: the stop orders those writes before the event.
     if (finishJob(writeFailed) && !alreadyTold && notifyCallback) notifyCallback(notifyContext, kNotifyFailed);
 }
 

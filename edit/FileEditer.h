@@ -18,6 +18,7 @@
 // notification. Called from inside either notification, cut refuses and
 // stopCut and releaseCut only ask the job to stop: they never wait for the
 // thread they run on.
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -129,7 +130,7 @@ private:
     EditerNotifyCallback notifyCallback;
     void* notifyContext;
     bool stopRequested = true;  // guarded by stopMutex
-    bool cutFailed = false;
+    std::atomic<bool> cutFailed{false};  // written on the cut thread, read on the muxer thread
     bool hasVideo = false;
     bool hasAudio = false;
     bool videoDone = false;

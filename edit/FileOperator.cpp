@@ -1,6 +1,5 @@
 #include "edit/FileOperator.h"
 
-#include <algorithm>
 #include <string>
 
 #include "platform/Utf8.h"
@@ -18,15 +17,7 @@ bool FileOperator::seek(int64_t position) {
     // A position of 0 makes no move at all: the handle is fresh at each cut
     // and every sample of a real MP4 lies behind its ftyp box, so no range
     // ever needs to go back to byte 0 after a read.
-    int64_t remaining = position;
-    MoveFrom from = MoveFrom::Begin;
-    while (remaining > 0) {
-        const int64_t step = std::min(remaining, kMaxMove);
-        if (!moveFilePointer(file, static_cast<int32_t>(step), from)) return false;
-        remaining -= step;
-        from = MoveFrom::Current;
-    }
-    return true;
+    return moveFileForward(file, position);
 }
 
 bool FileOperator::read(void* buffer, uint32_t count, uint32_t* got) {

@@ -27,7 +27,7 @@ public:
     bool isOpen() const { return file.isOpen(); }
 
     // The largest single move: 2 GiB less 2 bytes.
-    static constexpr int64_t kMaxMove = 0x7FFFFFFE;
+    static constexpr int64_t kMaxMove = kFileMoveStep;
 
 private:
     PlatformFile file;

@@ -5,22 +5,9 @@
 
 namespace Morvel_Tessalo {
 
-namespace {
-
-// The largest single move; one below the 32-bit maximum.
-constexpr int64_t kMoveStep = 0x7FFFFFFE;
-
-}  // namespace
-
 bool moveTo(PlatformFile file, int64_t position) {
-    MoveFrom from = MoveFrom::Begin;
-    for (int64_t remaining = position; remaining > 0; remaining -= kMoveStep) {
-        int32_t step = static_cast<int32_t>(remaining < kMoveStep ? remaining : kMoveStep);
-        if (!moveFilePointer(file, step, from)) return false;
-        from = MoveFrom::Current;
-    }
-    // A position of 0 makes no move above: the start has to be asked for.
-    return position > 0 || moveFilePointer(file, 0, MoveFrom::Begin);
+    // A position of 0 makes no move forward: the start has to be asked for.
+    return position > 0 ? moveFileForward(file, position) : moveFilePointer(file, 0, MoveFrom::Begin);
 }
 
 bool readAt(PlatformFile file, int64_t position, uint8_t* into, uint32_t size) {

@@ -7,8 +7,7 @@
 
 namespace Morvel_Tessalo {
 
-// Size of the piece of the file that a picture fetch holds at once (20 MiB).
-constexpr int32_t kReadBufferSize = 0x1400000;
+using ::kReadBufferSize;
 
 // Closes the file when the request ends, however it ends.
 struct FileCloser {

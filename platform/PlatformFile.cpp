@@ -54,6 +54,16 @@ bool moveFilePointer(PlatformFile file, int32_t distance, MoveFrom from) {
     return ::lseek(file.fd, static_cast<off_t>(distance), from == MoveFrom::Begin ? SEEK_SET : SEEK_CUR) >= 0;
 }
 
+bool moveFileForward(PlatformFile file, int64_t position) {
+    MoveFrom from = MoveFrom::Begin;
+    for (int64_t remaining = position; remaining > 0; remaining -= kFileMoveStep) {
+        const int32_t step = static_cast<int32_t>(remaining < kFileMoveStep ? remaining : kFileMoveStep);
+        if (!moveFilePointer(file, step, from)) return false;
+        from = MoveFrom::Current;
+    }
+    return true;
+}
+
 bool readFile(PlatformFile file, void* buffer, uint32_t length, uint32_t* got) {
     return readAll(file, buffer, length, got, -1);
 }

@@ -20,6 +20,15 @@ enum class MoveFrom { Begin, Current };
 PlatformFile openFileRead(const std::wstring& path);
 // Moves the file position by a signed 32-bit distance. False on failure.
 bool moveFilePointer(PlatformFile file, int32_t distance, MoveFrom from);
+// The largest single move: 2 GiB less 2 bytes.
+constexpr int64_t kFileMoveStep = 0x7FFFFFFE;
+// Moves to an absolute `position` in steps a 32-bit distance can take: the
+// first from the start of the file, the rest from where it stands. A
+// position at or below 0 makes no move.
+bool moveFileForward(PlatformFile file, int64_t position);
+// The bytes of a source file that the picture path and the cut each hold
+// in memory at once: 20 MiB.
+constexpr int32_t kReadBufferSize = 0x1400000;
 // Reads up to `length` bytes; `got` receives the count, 0 at the end of the file.
 bool readFile(PlatformFile file, void* buffer, uint32_t length, uint32_t* got);
 // Reads up to `length` bytes at `offset` without moving the file position;
