@@ -17,8 +17,8 @@ using tsltest::shellQuote;
 
 // An index of made-up groups: each record is {pts, dts}; the first of a group is its key frame.
 struct MadeUpIndex {
-    MadeUpIndex(std::initializer_list<std::initializer_list<std::pair<int64_t, int64_t>>> spec) {
-        for (const auto& group : spec) {
+    MadeUpIndex(std::initializer_list<std::initializer_list<std::pair<int64_t, int64_t>>> layout) {
+        for (const auto& group : layout) {
             owned.emplace_back();
             for (const auto& [pts, dts] : group) {
                 records.push_back(FrameRecord{uint8_t(owned.back().empty()), 100, pts, dts, 0});
