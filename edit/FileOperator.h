@@ -25,6 +25,8 @@ public:
     bool read(void* buffer, uint32_t count, uint32_t* got);
     void close();
     bool isOpen() const { return file.isOpen(); }
+    // The handle itself, for a ReadWindow that reads through it.
+    PlatformFile handle() const { return file; }
 
     // The largest single move: 2 GiB less 2 bytes.
     static constexpr int64_t kMaxMove = kFileMoveStep;

@@ -85,7 +85,8 @@ bool RangeCutter::open(const EditRange& range) {
     if (copiesVideo || firstAudio) {
         if (!readFrom(from)) return false;
     } else {
-        bufferPos = bufferEnd = 0;
+        window.bufferBytes = 0;
+        window.bufferEnd = 0;
     }
     // A frame-exact range's video goes on while it has pictures to make.
     videoFinished = job.exact ? false : job.videoDone;
@@ -160,12 +161,7 @@ void RangeCutter::endVideo() {
 
 bool RangeCutter::readFrom(int64_t position) {
     // An unknown position (-1 from the demuxer) can't be read from.
-    if (position < 0 || !job.source.seek(position)) return false;
-    uint32_t got = 0;
-    if (!job.source.read(job.readBuffer, kReadBufferSize, &got) || got == 0) return false;
-    bufferPos = position;
-    bufferEnd = position + got;
-    return true;
+    return position >= 0 && window.fill(position);
 }
 
 // Keeps what the buffer holds from the next sample needed on, and reads on
@@ -184,21 +180,10 @@ bool RangeCutter::refill() {
     } else {
         nextPos = std::min(job.audio[audioIndex]->position, videoRecord().position);
     }
-    const int64_t keep = bufferEnd - nextPos;
-    // The next sample lies beyond the buffer: the tracks are stored too far
-    // apart for it.
-    if (keep < 0) return false;
-    // A position below the buffer's start (a track whose positions fall)
-    // would make `keep` cover bytes the buffer never held: such a file fails
-    // the cut here, as a file with tracks too far apart does.
-    if (nextPos < bufferPos) return false;
-    std::memmove(job.readBuffer, job.readBuffer + (nextPos - bufferPos), static_cast<size_t>(keep));
-    uint32_t got = 0;
-    if (!job.source.read(job.readBuffer + keep, static_cast<uint32_t>(kReadBufferSize - keep), &got) || got == 0)
-        return false;
-    bufferPos = nextPos;
-    bufferEnd = nextPos + keep + got;
-    return true;
+    // A next sample beyond what is held (the tracks are stored too far apart
+    // for the buffer), or below it (a track whose positions fall), fails the
+    // cut here.
+    return window.keepFrom(nextPos);
 }
 
 // The side that is behind on its clock goes first; with the clocks equal,
@@ -229,14 +214,14 @@ void RangeCutter::videoStep() {
     }
     if (take == Take::Keep) {
         const int64_t length = record.size;
-        if (!inside(record.position, length)) {
+        if (!window.holds(record.position, length)) {
             videoMore = false;
             return;
         }
         int32_t converted = 0;
         // Written or dropped, the sample is done: a sample too short or
         // malformed to convert is left out, and its time with it.
-        if (length >= 4 && toAnnexB(job.readBuffer + (record.position - bufferPos), static_cast<int32_t>(length),
+        if (length >= 4 && toAnnexB(window.at(record.position), static_cast<int32_t>(length),
                                     job.sampleBuffer, kSampleBufferSize, &converted)) {
             write(job.sampleBuffer, converted, kTrackVideo, job.timeline.video(record),
                   record.isKey ? kSampleFlagVideoKey : 0u);
@@ -270,14 +255,14 @@ void RangeCutter::audioStep() {
     // The record counts the ADTS header the reader put in front; the file
     // holds the raw frame only.
     const int64_t length = int64_t(record.size) - kAdtsHeader;
-    if (!inside(record.position, std::max<int64_t>(length, 0))) {
+    if (!window.holds(record.position, std::max<int64_t>(length, 0))) {
         audioMore = false;
         return;
     }
     // A record too small to hold even its header has no bytes to copy; it is
     // dropped like a short video sample.
     if (length > 0)
-        write(job.readBuffer + (record.position - bufferPos), static_cast<int32_t>(length), kTrackAudio,
+        write(window.at(record.position), static_cast<int32_t>(length), kTrackAudio,
               job.timeline.audio(record), kSampleFlagAudio);
     if (++audioIndex >= job.audio.size()) {
         job.audioDone = true;

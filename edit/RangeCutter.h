@@ -15,6 +15,7 @@
 #include "edit/ExactCut.h"
 #include "edit/FileOperator.h"
 #include "edit/RangeSelection.h"
+#include "platform/ReadWindow.h"
 #include "instance/FrameRecord.h"
 #include "mux/FileMuxer.h"
 
@@ -45,7 +46,10 @@ public:
         WriteFailed,  // the muxer can no longer write the file
     };
 
-    explicit RangeCutter(const Job& job) : job(job) {}
+    explicit RangeCutter(const Job& job) : job(job) {
+        window.file = job.source.handle();
+        window.buffer = job.readBuffer;
+    }
     Result cut(const EditRange& range);
     // Video samples copied from the source for the last range cut.
     size_t copiedPictures() const { return copied; }
@@ -74,9 +78,6 @@ private:
     void audioStep();
     void nextVideo();
     void write(const uint8_t* data, int32_t size, int32_t track, SampleTimes times, uint32_t flags);
-    bool inside(int64_t position, int64_t length) const {
-        return position >= bufferPos && position + length < bufferEnd;
-    }
     const FrameRecord& videoRecord() const { return *(*job.groups[groupIndex])[frameIndex]; }
 
     Job job;
@@ -93,6 +94,5 @@ private:
     // Where a frame-exact range's video is: making its head, copying, making its tail.
     enum class Phase { Head, Copy, Tail } phase = Phase::Head;
     size_t copied = 0;
-    int64_t bufferPos = 0;  // file positions held by the read buffer: first byte, just past the last
-    int64_t bufferEnd = 0;
+    ReadWindow window;  // over the job's read buffer and source
 };

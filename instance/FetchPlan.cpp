@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "decode/H264Sample.h"
-#include "instance/ReadWindow.h"
+#include "platform/ReadWindow.h"
 #include "platform/Utf8.h"
 
 namespace Morvel_Tessalo {

@@ -9,7 +9,7 @@
 #include "decode/H264Sample.h"
 #include "decode/SoftMediaDecoderImpl.h"
 #include "instance/FetchPlan.h"
-#include "instance/ReadWindow.h"
+#include "platform/ReadWindow.h"
 #include "instance/TessaloImpl.h"
 #include "platform/Utf8.h"
 

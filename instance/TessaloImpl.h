@@ -16,6 +16,8 @@
 #include "instance/PictureOutput.h"
 #include "mux/TrackInfo.h"
 
+struct ReadWindow;
+
 namespace Morvel_Tessalo {
 
 class DemuxerBase;
@@ -23,7 +25,6 @@ class DecoderBase;
 class FileEditer;
 class FetchPlan;
 class KeyProbe;
-struct ReadWindow;
 struct DemuxerPacket;
 
 // Values of TessaloImpl::state.

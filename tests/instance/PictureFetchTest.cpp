@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "decode/DecoderBase.h"
-#include "instance/ReadWindow.h"
+#include "platform/ReadWindow.h"
 #include "instance/TessaloImpl.h"
 #include "platform/PlatformFile.h"
 #include "support/TestSupport.h"

@@ -1,13 +1,11 @@
 #pragma once
-// The stretch of a source file that a picture request holds in memory, and
-// the plain reads behind it. Worker thread.
+// The stretch of a source file that a picture request or a cut holds in
+// memory (kReadBufferSize bytes), read forward through the file, and the
+// plain reads beside it. Used by one thread at a time: a picture request's
+// worker, or a cut's thread.
 #include <cstdint>
 
 #include "platform/PlatformFile.h"
-
-namespace Morvel_Tessalo {
-
-using ::kReadBufferSize;
 
 // Closes the file when the request ends, however it ends.
 struct FileCloser {
@@ -39,6 +37,17 @@ struct ReadWindow {
     bool bring(int64_t position, int32_t size);
     // The current sample lies whole in the bytes held.
     bool holds(int32_t size) const { return int64_t{sampleOffset} + size <= bufferBytes; }
-};
 
-}  // namespace Morvel_Tessalo
+    // The file position of the first byte held.
+    int64_t start() const { return bufferEnd - bufferBytes; }
+    // [position, position + length) lies in the bytes held, short of their
+    // end: a sample that reaches the end is taken again with what follows it.
+    bool holds(int64_t position, int64_t length) const {
+        return position >= start() && position + length < bufferEnd;
+    }
+    // The held byte of file position `position`.
+    uint8_t* at(int64_t position) const { return buffer + (position - start()); }
+    // Keeps the bytes held from `position` on at the front and reads on
+    // behind them. False when `position` is not held, or nothing more comes.
+    bool keepFrom(int64_t position);
+};

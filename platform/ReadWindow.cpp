@@ -1,9 +1,7 @@
-#include "instance/ReadWindow.h"
+#include "platform/ReadWindow.h"
 
 #include <climits>
 #include <cstring>
-
-namespace Morvel_Tessalo {
 
 bool moveTo(PlatformFile file, int64_t position) {
     // A position of 0 makes no move forward: the start has to be asked for.
@@ -36,7 +34,6 @@ bool ReadWindow::bring(int64_t position, int32_t size) {
     // than the whole buffer cannot be held: the walk ends there rather
     // than feed bytes that are not the sample's.
     if (position < 0 || size < 0 || size > kReadBufferSize) return false;
-    int32_t tail = 0;
     const int64_t bufferStart = bufferEnd - bufferBytes;
     if (position > bufferEnd) {
         const int64_t gap = position - bufferEnd;
@@ -51,20 +48,30 @@ bool ReadWindow::bring(int64_t position, int32_t size) {
         // again from its own place instead of from before the buffer.
         if (!moveTo(file, position)) return false;
     } else if (position + size > bufferEnd) {
-        tail = static_cast<int32_t>(bufferEnd - position);
-        std::memmove(buffer, buffer + (bufferBytes - tail), static_cast<size_t>(tail));
+        // The sample's head is held: it moves to the front and the rest follows.
+        sampleOffset = 0;
+        return keepFrom(position) && size <= bufferBytes;
     } else {
         sampleOffset = static_cast<int32_t>(position - bufferStart);
         return true;
     }
     sampleOffset = 0;
     uint32_t got = 0;
-    if (!readFile(file, buffer + tail, static_cast<uint32_t>(kReadBufferSize - tail), &got) || got == 0)
-        return false;
-    bufferBytes = tail + static_cast<int32_t>(got);
+    if (!readFile(file, buffer, static_cast<uint32_t>(kReadBufferSize), &got) || got == 0) return false;
+    bufferBytes = static_cast<int32_t>(got);
     bufferEnd = position + bufferBytes;
     // The file ended inside the sample.
     return size <= bufferBytes;
 }
 
-}  // namespace Morvel_Tessalo
+bool ReadWindow::keepFrom(int64_t position) {
+    const int64_t keep = bufferEnd - position;
+    if (position < start() || keep < 0) return false;
+    std::memmove(buffer, buffer + (bufferBytes - keep), static_cast<size_t>(keep));
+    uint32_t got = 0;
+    if (!readFile(file, buffer + keep, static_cast<uint32_t>(kReadBufferSize - keep), &got) || got == 0)
+        return false;
+    bufferBytes = static_cast<int32_t>(keep) + static_cast<int32_t>(got);
+    bufferEnd = position + bufferBytes;
+    return true;
+}
