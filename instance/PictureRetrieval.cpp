@@ -146,6 +146,9 @@ bool TessaloImpl::fetchPictures() {
 // Every sample of the plan through the decoder, then what the decoder still
 // holds; asked pictures that never came are reported missing at the end.
 bool TessaloImpl::feedPlan(FetchPlan* plan, ReadWindow* window) {
+    // A plan that a stop cut short may hold no sample: the request was given
+    // up, not failed by its file.
+    if (isStopped()) return true;
     bool restart = false;
     const FrameRecord* sample = plan->next(&restart);
     // A position of -1 means the demuxer knew none: the bytes at the start of
