@@ -45,3 +45,38 @@ private:
     std::vector<uint8_t> bytes;
     size_t bit = 0;
 };
+
+// The head of a sequence parameter set, as far as its bit depths and
+// lossless flag: enough to describe the stream in an avcC record and to know
+// how its pictures are coded.
+struct SpsHead {
+    int profile = 0;
+    int64_t id = -1;
+    int64_t chromaFormat = 1;  // 4:2:0 unless the profile says it
+    int64_t lumaDepthMinus8 = 0;
+    int64_t chromaDepthMinus8 = 0;
+    bool lossless = false;  // qpprime_y_zero_transform_bypass_flag
+};
+
+// Reads the head of the sequence parameter set whose payload (after the NAL
+// header byte) is `payload`; false when its bits run out.
+inline bool readSpsHead(const uint8_t* payload, size_t size, SpsHead* head) {
+    if (size < 4) return false;
+    NalBits bits(payload, size);
+    head->profile = int(bits.bits(8));
+    bits.bits(16);  // constraints, level
+    head->id = bits.golomb();
+    switch (head->profile) {
+        case 100: case 110: case 122: case 244: case 44: case 83: case 86:
+        case 118: case 128: case 138: case 139: case 134: case 135: case 144:
+            head->chromaFormat = bits.golomb();
+            if (head->chromaFormat == 3) bits.bits(1);  // separate_colour_plane_flag
+            head->lumaDepthMinus8 = bits.golomb();
+            head->chromaDepthMinus8 = bits.golomb();
+            head->lossless = bits.bits(1) == 1;
+            break;
+        default:
+            break;
+    }
+    return head->id >= 0 && head->chromaFormat >= 0 && head->lumaDepthMinus8 >= 0 && head->chromaDepthMinus8 >= 0;
+}

@@ -8,6 +8,7 @@
 #include "decode/PictureDecoder.h"
 #include "edit/PictureMaker.h"
 #include "edit/RangeCutter.h"
+#include "mux/AvcRecord.h"
 
 namespace {
 
@@ -15,19 +16,12 @@ namespace {
 // codes) uses, so that made pictures never refer to one of the source's.
 int unusedParameterSetId(const std::vector<uint8_t>& sets) {
     std::vector<bool> used(32, false);
-    const size_t n = sets.size();
-    for (size_t at = 0; at + 3 < n; ++at) {
-        if (sets[at] != 0 || sets[at + 1] != 0 || sets[at + 2] != 1) continue;
-        const size_t nal = at + 3;
-        const int type = sets[nal] & 0x1F;
-        NalBits bits(sets.data() + nal + 1, n - nal - 1);
+    for (const auto& [at, size] : nalUnits(sets.data(), sets.size())) {
+        const int type = sets[at] & 0x1F;
+        SpsHead sps;
         int64_t id = -1;
-        if (type == 7) {
-            bits.bits(24);  // profile, constraints, level
-            id = bits.golomb();
-        } else if (type == 8) {
-            id = bits.golomb();
-        }
+        if (type == 7 && readSpsHead(sets.data() + at + 1, size - 1, &sps)) id = sps.id;
+        if (type == 8) id = NalBits(sets.data() + at + 1, size - 1).golomb();
         if (id >= 0 && id < 32) used[size_t(id)] = true;
     }
     for (int id = 1; id < 32; ++id)
@@ -35,21 +29,12 @@ int unusedParameterSetId(const std::vector<uint8_t>& sets) {
     return 0;
 }
 
-// Whether the first sequence parameter set of `sets` codes losslessly
-// (qpprime_y_zero_transform_bypass_flag, in the profiles that have it).
+// Whether the first sequence parameter set of `sets` codes losslessly.
 bool codesLosslessly(const std::vector<uint8_t>& sets) {
-    const size_t n = sets.size();
-    for (size_t at = 0; at + 4 < n; ++at) {
-        if (sets[at] != 0 || sets[at + 1] != 0 || sets[at + 2] != 1 || (sets[at + 3] & 0x1F) != 7) continue;
-        const int profile = sets[at + 4];
-        if (profile != 100 && profile != 110 && profile != 122 && profile != 244 && profile != 44) return false;
-        NalBits bits(sets.data() + at + 4, n - at - 4);
-        bits.bits(24);                            // profile, constraints, level
-        bits.golomb();                            // id
-        if (bits.golomb() == 3) bits.bits(1);     // chroma_format_idc; separate_colour_plane_flag
-        bits.golomb();                            // bit_depth_luma_minus8
-        bits.golomb();                            // bit_depth_chroma_minus8
-        return bits.bits(1) == 1;                 // qpprime_y_zero_transform_bypass_flag
+    for (const auto& [at, size] : nalUnits(sets.data(), sets.size())) {
+        if ((sets[at] & 0x1F) != 7) continue;
+        SpsHead sps;
+        return readSpsHead(sets.data() + at + 1, size - 1, &sps) && sps.lossless;
     }
     return false;
 }

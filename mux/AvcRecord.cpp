@@ -38,10 +38,15 @@ void put16(std::vector<uint8_t>& out, size_t value) {
 
 }  // namespace
 
-std::vector<uint8_t> avcRecord(const uint8_t* sets, size_t size) {
+std::vector<std::pair<size_t, size_t>> nalUnits(const uint8_t* data, size_t size) {
     std::vector<std::pair<size_t, size_t>> units;
+    if (data) findUnits(data, size, units);
+    return units;
+}
+
+std::vector<uint8_t> avcRecord(const uint8_t* sets, size_t size) {
     if (!sets || size < 4) return {};
-    findUnits(sets, size, units);
+    const std::vector<std::pair<size_t, size_t>> units = nalUnits(sets, size);
     std::vector<std::pair<size_t, size_t>> sps, pps, spsExt;
     for (const auto& unit : units) {
         const int type = sets[unit.first] & 0x1F;
@@ -65,22 +70,11 @@ std::vector<uint8_t> avcRecord(const uint8_t* sets, size_t size) {
     // The profiles with a chroma format and bit depths say them in the record too.
     const int profile = first[1];
     if (profile != 66 && profile != 77 && profile != 88) {
-        NalBits bits(first + 1, sps.front().second - 1);
-        bits.bits(24);  // profile, constraints, level
-        bits.golomb();  // id
-        int64_t chroma = 1, luma = 0, colour = 0;
-        if (profile == 100 || profile == 110 || profile == 122 || profile == 244 || profile == 44 ||
-            profile == 83 || profile == 86 || profile == 118 || profile == 128 || profile == 138 ||
-            profile == 139 || profile == 134 || profile == 135 || profile == 144) {
-            chroma = bits.golomb();
-            if (chroma == 3) bits.bits(1);
-            luma = bits.golomb();
-            colour = bits.golomb();
-        }
-        if (chroma < 0 || luma < 0 || colour < 0) return {};
-        record.push_back(uint8_t(0xFC | chroma));
-        record.push_back(uint8_t(0xF8 | luma));
-        record.push_back(uint8_t(0xF8 | colour));
+        SpsHead head;
+        if (!readSpsHead(first + 1, sps.front().second - 1, &head)) return {};
+        record.push_back(uint8_t(0xFC | head.chromaFormat));
+        record.push_back(uint8_t(0xF8 | head.lumaDepthMinus8));
+        record.push_back(uint8_t(0xF8 | head.chromaDepthMinus8));
         record.push_back(uint8_t(spsExt.size()));
         for (const auto& unit : spsExt) {
             put16(record, unit.second);

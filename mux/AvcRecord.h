@@ -10,6 +10,10 @@
 
 #include "base/FFmpegHolders.h"
 
+// The NAL units of a start-code stream: where each payload begins and how
+// long it is, the zero bytes of the next start code left out.
+std::vector<std::pair<size_t, size_t>> nalUnits(const uint8_t* data, size_t size);
+
 // The avcC record (4-byte lengths) of the parameter sets in `sets` (start
 // codes); empty when they hold no sequence or no picture parameter set.
 std::vector<uint8_t> avcRecord(const uint8_t* sets, size_t size);
