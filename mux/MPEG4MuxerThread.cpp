@@ -21,6 +21,9 @@ void observe(const AVPacket* packet) {
     if (MuxWriteObserver observer = writeObserver.load()) observer(writeObserverUser.load(), packet);
 }
 
+// Slots freed before a caller waiting for room is woken.
+int32_t roomBatch(const BaseBufferQueue& queue) { return queue.capacity / 8; }
+
 bool formatTakesFilteredAudio(const char* name) {
     return std::strcmp(name, "mp4") == 0 || std::strcmp(name, "mov") == 0 ||
            std::strcmp(name, "3gp") == 0 || std::strcmp(name, "flv") == 0;
@@ -130,6 +133,11 @@ bool MPEG4MuxerThread::turnBothTracks(bool* wrote) {
     if (track >= 0) {
         writeHead(track);
         *wrote = true;
+    } else {
+        // Nothing can be written until the cut thread pushes again: a caller
+        // waiting for room that writeHead has not yet woken must go on now.
+        owner->audioRoom.notify_all();
+        owner->videoRoom.notify_all();
     }
     return audioEmpty && videoEmpty && stopping;
 }
@@ -169,7 +177,11 @@ void MPEG4MuxerThread::writeHead(int32_t track) {
         // head so that a caller waiting for room is never stuck.
         queue.dropHead();
     }
-    (isAudio ? owner->audioRoom : owner->videoRoom).notify_all();
+    // A caller waiting for room is woken once a batch of slots is free, not
+    // at every one: woken for each, it would push one sample and wait again,
+    // two thread switches a sample, for as long as the cut runs ahead.
+    if (queue.count <= queue.capacity - roomBatch(queue) || owner->fileFailed.load())
+        (isAudio ? owner->audioRoom : owner->videoRoom).notify_all();
 }
 
 int MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts,
