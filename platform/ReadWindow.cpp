@@ -1,5 +1,6 @@
 #include "platform/ReadWindow.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -21,7 +22,7 @@ bool readAt(PlatformFile file, int64_t position, uint8_t* into, uint32_t size) {
 
 bool ReadWindow::fill(int64_t position) {
     uint32_t got = 0;
-    if (position < 0 || !moveTo(file, position) || !readFile(file, buffer, kReadBufferSize, &got) || got == 0)
+    if (position < 0 || !moveTo(file, position) || !readFile(file, buffer, uint32_t(step), &got) || got == 0)
         return false;
     bufferBytes = static_cast<int32_t>(got);
     bufferEnd = position + bufferBytes;
@@ -67,11 +68,15 @@ bool ReadWindow::bring(int64_t position, int32_t size) {
 bool ReadWindow::keepFrom(int64_t position) {
     const int64_t keep = bufferEnd - position;
     if (position < start() || keep < 0) return false;
-    std::memmove(buffer, buffer + (bufferBytes - keep), static_cast<size_t>(keep));
+    if (bufferBytes > kReadBufferSize - step) {
+        std::memmove(buffer, buffer + (bufferBytes - keep), static_cast<size_t>(keep));
+        bufferBytes = static_cast<int32_t>(keep);
+    }
+    const int32_t room = kReadBufferSize - bufferBytes;
     uint32_t got = 0;
-    if (!readFile(file, buffer + keep, static_cast<uint32_t>(kReadBufferSize - keep), &got) || got == 0)
+    if (!readFile(file, buffer + bufferBytes, static_cast<uint32_t>(std::min(room, step)), &got) || got == 0)
         return false;
-    bufferBytes = static_cast<int32_t>(keep) + static_cast<int32_t>(got);
-    bufferEnd = position + bufferBytes;
+    bufferBytes += static_cast<int32_t>(got);
+    bufferEnd += got;
     return true;
 }

@@ -28,6 +28,10 @@ struct ReadWindow {
     int32_t bufferBytes = 0;
     int64_t bufferEnd = 0;  // file position just past the last byte held
     int32_t sampleOffset = 0;
+    // What one read asks for at most. The whole buffer, unless a reader that
+    // hands its bytes on at once would rather go on with part of it than wait
+    // for all of it.
+    int32_t step = kReadBufferSize;
 
     // Fills the buffer from `position`, the first sample's; false when
     // nothing can be read there.
@@ -47,7 +51,8 @@ struct ReadWindow {
     }
     // The held byte of file position `position`.
     uint8_t* at(int64_t position) const { return buffer + (position - start()); }
-    // Keeps the bytes held from `position` on at the front and reads on
-    // behind them. False when `position` is not held, or nothing more comes.
+    // Reads on behind the bytes held, which first move to the front from
+    // `position` on when the buffer has no room left for a step. False when
+    // `position` is not held, or nothing more comes.
     bool keepFrom(int64_t position);
 };
