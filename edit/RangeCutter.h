@@ -49,14 +49,12 @@ public:
     explicit RangeCutter(const Job& job) : job(job) {
         window.file = job.source.handle();
         window.buffer = job.readBuffer;
-        window.step = kReadStep;
     }
     Result cut(const EditRange& range);
     // Video samples copied from the source for the last range cut.
     size_t copiedPictures() const { return copied; }
 
     static constexpr int32_t kReadBufferSize = ::kReadBufferSize;  // 20 MiB of source at a time
-    static constexpr int32_t kReadStep = 256 << 10;
     static constexpr int32_t kSampleBufferSize = 0x100000;  // one converted video sample
     // 4-byte length prefixes to 3-byte start codes, into `out` of `capacity`
     // bytes. False (and 0 out) when the sample is malformed or does not fit.

@@ -153,7 +153,7 @@ bool TessaloImpl::feedPlan(FetchPlan* plan, ReadWindow* window) {
     const FrameRecord* sample = plan->next(&restart);
     // A position of -1 means the demuxer knew none: the bytes at the start of
     // the file would not be this sample, so the request fails as a read would.
-    if (!sample || !window->fill(sample->position)) {
+    if (!sample || !window->fill(sample->position, sample->size)) {
         notifyHost(kHostEventFileError);
         return false;
     }

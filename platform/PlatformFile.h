@@ -29,6 +29,10 @@ bool moveFileForward(PlatformFile file, int64_t position);
 // The bytes of a source file that the picture path and the cut each hold
 // in memory at once: 20 MiB.
 constexpr int32_t kReadBufferSize = 0x1400000;
+// What one read of that buffer asks for at most (unless a sample is longer):
+// a reader goes on with the first bytes instead of waiting for 20 MiB, and a
+// short stretch of the file costs no more than itself.
+constexpr int32_t kReadStep = 256 << 10;
 // Reads up to `length` bytes; `got` receives the count, 0 at the end of the file.
 bool readFile(PlatformFile file, void* buffer, uint32_t length, uint32_t* got);
 // Reads up to `length` bytes at `offset` without moving the file position;

@@ -20,14 +20,10 @@ bool readAt(PlatformFile file, int64_t position, uint8_t* into, uint32_t size) {
     return true;
 }
 
-bool ReadWindow::fill(int64_t position) {
-    uint32_t got = 0;
-    if (position < 0 || !moveTo(file, position) || !readFile(file, buffer, uint32_t(step), &got) || got == 0)
-        return false;
-    bufferBytes = static_cast<int32_t>(got);
-    bufferEnd = position + bufferBytes;
-    sampleOffset = 0;
-    return true;
+bool ReadWindow::fill(int64_t position, int32_t size) {
+    if (position < 0 || !moveTo(file, position)) return false;
+    restartAt(position);
+    return readOn(std::max(size, kReadStep));
 }
 
 bool ReadWindow::bring(int64_t position, int32_t size) {
@@ -35,46 +31,57 @@ bool ReadWindow::bring(int64_t position, int32_t size) {
     // than the whole buffer cannot be held: the walk ends there rather
     // than feed bytes that are not the sample's.
     if (position < 0 || size < 0 || size > kReadBufferSize) return false;
-    const int64_t bufferStart = bufferEnd - bufferBytes;
     if (position > bufferEnd) {
         const int64_t gap = position - bufferEnd;
-        if (gap <= INT32_MAX) {
-            if (!moveFilePointer(file, static_cast<int32_t>(gap), MoveFrom::Current)) return false;
-        } else if (!moveTo(file, position)) {
-            // A gap past one 32-bit move: position absolutely, in steps.
+        // A gap past one 32-bit move is made absolutely, in steps.
+        if (!(gap <= INT32_MAX ? moveFilePointer(file, static_cast<int32_t>(gap), MoveFrom::Current)
+                               : moveTo(file, position)))
             return false;
-        }
-    } else if (position < bufferStart) {
+        restartAt(position);
+    } else if (position < start()) {
         // Samples lie at ascending positions; one that does not is read
         // again from its own place instead of from before the buffer.
         if (!moveTo(file, position)) return false;
-    } else if (position + size > bufferEnd) {
-        // The sample's head is held: it moves to the front and the rest follows.
-        sampleOffset = 0;
-        return keepFrom(position) && size <= bufferBytes;
-    } else {
-        sampleOffset = static_cast<int32_t>(position - bufferStart);
-        return true;
+        restartAt(position);
     }
-    sampleOffset = 0;
-    uint32_t got = 0;
-    if (!readFile(file, buffer, static_cast<uint32_t>(kReadBufferSize), &got) || got == 0) return false;
-    bufferBytes = static_cast<int32_t>(got);
-    bufferEnd = position + bufferBytes;
-    // The file ended inside the sample.
-    return size <= bufferBytes;
+    // Read on until the sample is whole; a sample whose head alone is held
+    // moves to the front when the buffer is full. The file may end inside it.
+    if (bufferBytes == 0 && !readOn(std::max(size, kReadStep))) return false;
+    while (position + size > bufferEnd)
+        if (!keepFrom(position)) return false;
+    sampleOffset = static_cast<int32_t>(position - start());
+    return true;
 }
 
 bool ReadWindow::keepFrom(int64_t position) {
+    if (position < start()) return false;
+    if (position > bufferEnd) {
+        // Bytes of no interest lie between: stepped over, as far as one
+        // whole buffer read from the bytes held would have reached.
+        if (position - start() > kReadBufferSize ||
+            !moveFilePointer(file, static_cast<int32_t>(position - bufferEnd), MoveFrom::Current))
+            return false;
+        restartAt(position);
+        return readOn(kReadStep);
+    }
     const int64_t keep = bufferEnd - position;
-    if (position < start() || keep < 0) return false;
-    if (bufferBytes > kReadBufferSize - step) {
+    if (bufferBytes > kReadBufferSize - kReadStep) {
         std::memmove(buffer, buffer + (bufferBytes - keep), static_cast<size_t>(keep));
         bufferBytes = static_cast<int32_t>(keep);
     }
-    const int32_t room = kReadBufferSize - bufferBytes;
+    return readOn(kReadStep);
+}
+
+void ReadWindow::restartAt(int64_t position) {
+    bufferBytes = 0;
+    bufferEnd = position;
+    sampleOffset = 0;
+}
+
+bool ReadWindow::readOn(int64_t length) {
+    const int64_t room = kReadBufferSize - bufferBytes;
     uint32_t got = 0;
-    if (!readFile(file, buffer + bufferBytes, static_cast<uint32_t>(std::min(room, step)), &got) || got == 0)
+    if (!readFile(file, buffer + bufferBytes, static_cast<uint32_t>(std::min(room, length)), &got) || got == 0)
         return false;
     bufferBytes += static_cast<int32_t>(got);
     bufferEnd += got;

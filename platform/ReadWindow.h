@@ -28,14 +28,11 @@ struct ReadWindow {
     int32_t bufferBytes = 0;
     int64_t bufferEnd = 0;  // file position just past the last byte held
     int32_t sampleOffset = 0;
-    // What one read asks for at most. The whole buffer, unless a reader that
-    // hands its bytes on at once would rather go on with part of it than wait
-    // for all of it.
-    int32_t step = kReadBufferSize;
 
-    // Fills the buffer from `position`, the first sample's; false when
+    // Fills the buffer from `position`, the first sample's, with that
+    // sample's `size` bytes at least when the file has them; false when
     // nothing can be read there.
-    bool fill(int64_t position);
+    bool fill(int64_t position, int32_t size = 0);
     // Makes the sample at `position` of `size` bytes addressable at
     // buffer + sampleOffset. False ends the request's walk through the samples.
     bool bring(int64_t position, int32_t size);
@@ -52,7 +49,16 @@ struct ReadWindow {
     // The held byte of file position `position`.
     uint8_t* at(int64_t position) const { return buffer + (position - start()); }
     // Reads on behind the bytes held, which first move to the front from
-    // `position` on when the buffer has no room left for a step. False when
-    // `position` is not held, or nothing more comes.
+    // `position` on when the buffer has no room left for a step; a `position`
+    // past them that one whole buffer from the bytes held would still reach
+    // is moved to. False for a `position` before the bytes held or out of
+    // that reach, or when nothing more comes.
     bool keepFrom(int64_t position);
+
+private:
+    // Empties the buffer at `position`, where the file stands now.
+    void restartAt(int64_t position);
+    // Reads up to `length` bytes behind those held, as many as fit; false
+    // when none come.
+    bool readOn(int64_t length);
 };
