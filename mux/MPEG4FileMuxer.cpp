@@ -148,18 +148,7 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     context->height = info->height + (info->height & 1);
     // One thread is enough for an encoder that encodes nothing.
     context->thread_count = 1;
-    if (info->extraData && info->extraDataSize > 0) {
-        // Parameter sets that make an avcC record go to the file as one, and
-        // the samples then get their length prefixes on the writing thread:
-        // libavformat writes both as they are instead of scanning every
-        // sample for start codes again.
-        const std::vector<uint8_t> record = avcRecord(info->extraData, size_t(info->extraDataSize));
-        videoLengthPrefixed = !record.empty();
-        const bool replaced = videoLengthPrefixed
-                                  ? replaceExtraData(context.get(), record.data(), int(record.size()))
-                                  : replaceExtraData(context.get(), info->extraData, info->extraDataSize);
-        if (!replaced) return kErrGeneric;
-    }
+    if (info->extraData && info->extraDataSize > 0 && !setVideoExtraData(context.get(), info)) return kErrGeneric;
 
     if (avcodec_open2(context.get(), videoEncoder, nullptr) < 0) return kErrGeneric;
     if (avcodec_parameters_from_context(stream->codecpar, context.get()) < 0) return kErrGeneric;
@@ -176,6 +165,17 @@ int32_t MPEG4FileMuxer::addVideoTrack(const VideoTrackInfo* info) {
     videoCodecContext = std::move(context);
     hasVideo = true;
     return kOk;
+}
+
+bool MPEG4FileMuxer::setVideoExtraData(AVCodecContext* context, const VideoTrackInfo* info) {
+    // Parameter sets that make an avcC record go to the file as one, and the
+    // samples then get their length prefixes on the writing thread:
+    // libavformat writes both as they are instead of scanning every sample
+    // for start codes again.
+    const std::vector<uint8_t> record = avcRecord(info->extraData, size_t(info->extraDataSize));
+    videoLengthPrefixed = !record.empty();
+    return videoLengthPrefixed ? replaceExtraData(context, record.data(), int(record.size()))
+                               : replaceExtraData(context, info->extraData, info->extraDataSize);
 }
 
 int32_t MPEG4FileMuxer::addAudioTrack(const AudioTrackInfo* info) {

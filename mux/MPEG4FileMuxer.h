@@ -89,4 +89,8 @@ private:
     // The encoder of `codec` and a new stream for it, numbered by its place;
     // null when either cannot be had.
     AVStream* newTrackStream(AVCodecID codec, const AVCodec** encoder);
+    // The video track's parameter sets on its codec context, as an avcC
+    // record when they make one (and then the samples are length-prefixed
+    // as they are written); false when no copy could be had.
+    bool setVideoExtraData(AVCodecContext* context, const VideoTrackInfo* info);
 };

@@ -219,23 +219,8 @@ int MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, in
         out->flags = AV_PKT_FLAG_KEY;
 
     if (track == kTrackAudio && formatTakesFilteredAudio(context->oformat->name) &&
-        stream->codecpar->codec_id == AV_CODEC_ID_AAC && owner->aacFilter && filtered) {
-        AVBSFContext* filter = owner->aacFilter.get();
-        AVPacket* copy = filtered.get();
-        av_packet_unref(copy);
-        int result = av_packet_ref(copy, out);
-        if (result >= 0) result = av_bsf_send_packet(filter, copy);
-        if (result >= 0) result = av_bsf_receive_packet(filter, copy);
-        if (result >= 0) {
-            av_packet_unref(out);
-            av_packet_move_ref(out, copy);
-        } else {
-            av_packet_unref(copy);
-            const AVCodecContext* codec = owner->audioCodecContext.get();
-            Log("MPEG4MuxerThread", "%s failed for stream %d, codec %s", filter->filter->name,
-                out->stream_index, codec && codec->codec ? codec->codec->name : "copy");
-        }
-    }
+        stream->codecpar->codec_id == AV_CODEC_ID_AAC && owner->aacFilter && filtered)
+        filterAudio(out);
 
     observe(out);
     int result = av_interleaved_write_frame(context, out);
@@ -246,4 +231,22 @@ int MPEG4MuxerThread::writeSample(uint8_t* data, int32_t size, int32_t track, in
         writeCounter = 0;
     }
     return result;
+}
+
+void MPEG4MuxerThread::filterAudio(AVPacket* out) {
+    AVBSFContext* filter = owner->aacFilter.get();
+    AVPacket* copy = filtered.get();
+    av_packet_unref(copy);
+    int result = av_packet_ref(copy, out);
+    if (result >= 0) result = av_bsf_send_packet(filter, copy);
+    if (result >= 0) result = av_bsf_receive_packet(filter, copy);
+    if (result >= 0) {
+        av_packet_unref(out);
+        av_packet_move_ref(out, copy);
+        return;
+    }
+    av_packet_unref(copy);
+    const AVCodecContext* codec = owner->audioCodecContext.get();
+    Log("MPEG4MuxerThread", "%s failed for stream %d, codec %s", filter->filter->name, out->stream_index,
+        codec && codec->codec ? codec->codec->name : "copy");
 }

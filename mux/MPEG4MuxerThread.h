@@ -41,6 +41,9 @@ private:
     // The AVERROR of the write (and of the flush it triggers), or 0.
     int writeSample(uint8_t* data, int32_t size, int32_t track, int64_t pts, int64_t dts,
                     uint32_t flags);
+    // The AAC sample in `out` through aac_adtstoasc; on failure it is logged
+    // and goes to the file unfiltered.
+    void filterAudio(AVPacket* out);
     // Whether a write's result leaves the file unusable.
     bool failsTheFile(int result) const;
     // Marks the file failed and wakes callers waiting for room; the caller

@@ -384,6 +384,79 @@ std::vector<RangePictures> exactRanges(const Indexed& ix, const std::string& fil
     return result;
 }
 
+// Throws the job's failure when the library did not finish the cut; a
+// partial output is no cut of the ranges asked for and goes.
+void requireFinishedCut(const Indexed& ix, const Settings& s, const CutRun& run, const std::string& file,
+                        const std::string& output, const std::vector<TimeSpan>& ranges) {
+    const uint64_t needed = neededBytes(ix, file, ranges);
+    if (!run.accepted) throw JobFailure(refusedCut(ix, file, output, s.cutKind, needed));
+    // The library removes an output that it could not write, and leaves one
+    // whose ranges could not all be cut.
+    if (run.end == kHostEventCutFailed && !fs::exists(fs::symlink_status(output)))
+        throw JobFailure(writeFailure(output, needed));
+    if (run.end == kHostEventCutDone) return;
+    std::error_code ec;
+    fs::remove(output, ec);
+    if (run.end == kHostEventCutFailed) throw JobFailure(failedCut(ix, ranges, file));
+    throw JobFailure("the library gave no answer while cutting " + file);
+}
+
+// The library moves an offset pair to the output's timeline when one range,
+// as given, holds both times; the others it leaves as they were.
+json offsetsReport(const CutRun& run, const std::vector<TimeSpan>& ranges, const std::vector<TimeSpan>& offsets) {
+    json report = json::array();
+    for (size_t i = 0; i < offsets.size(); ++i) {
+        const bool inside = std::any_of(ranges.begin(), ranges.end(), [&](const TimeSpan& r) {
+            return offsets[i].start >= r.start && offsets[i].end <= r.end;
+        });
+        json entry = {{"source", {{"first", offsets[i].start}, {"second", offsets[i].end}}}, {"output", nullptr}};
+        if (inside && run.reportRead && i < run.offsets.size())
+            entry["output"] = {{"first", run.offsets[i].first}, {"second", run.offsets[i].second}};
+        report.push_back(entry);
+    }
+    return report;
+}
+
+json cutJson(const Indexed& ix, const Settings& s, const std::vector<TimeSpan>& ranges,
+             const std::vector<RangePictures>& made) {
+    json jr = json::array();
+    for (size_t i = 0; i < ranges.size(); ++i) {
+        json entry = {{"start", ranges[i].start}, {"end", ranges[i].end}};
+        if (s.cutKind != kCutKindExact) entry["opensAtKey"] = openingKey(ix.keys, ranges[i].start, s.cutKind);
+        if (!made.empty()) {
+            const size_t count = size_t(std::count(made[i].made.begin(), made[i].made.end(), true));
+            entry["reencoded"] = count;
+            entry["copied"] = made[i].made.size() - count;
+        }
+        jr.push_back(entry);
+    }
+    return jr;
+}
+
+void printCut(const Indexed& ix, const Settings& s, const std::string& file, const std::string& output,
+              const std::vector<TimeSpan>& ranges, const std::vector<RangePictures>& made, const json& report,
+              std::ostream& out) {
+    out << "cut " << file << " -> " << output << " (" << ranges.size() << " range" << (ranges.size() == 1 ? "" : "s")
+        << ")\n";
+    for (size_t i = 0; i < ranges.size(); ++i) {
+        out << "  range " << i + 1 << "  " << spanText(ranges[i].start, ranges[i].end) << "  ("
+            << clockText(ranges[i].start) << " - " << clockText(ranges[i].end) << ")";
+        if (s.cutKind != kCutKindExact)
+            out << ", opens on the key frame at " << openingKey(ix.keys, ranges[i].start, s.cutKind) << " ms";
+        else if (!made.empty())
+            out << ": " << runsText(made[i].pts, made[i].made);
+        out << "\n";
+    }
+    if (!report.empty()) out << "offsets on the output's timeline:\n";
+    for (const json& e : report) {
+        out << "  " << spanText(e["source"]["first"], e["source"]["second"]) << " -> ";
+        if (e["output"].is_null())
+            out << "not inside one kept range; left as given\n";
+        else
+            out << spanText(e["output"]["first"], e["output"]["second"]) << "\n";
+    }
+}
+
 }  // namespace
 
 int runCut(const Settings& s, const std::string& file, const std::string& output, const std::vector<TimeSpan>& ranges,
@@ -398,72 +471,18 @@ int runCut(const Settings& s, const std::string& file, const std::string& output
     for (const TimeSpan& o : offsets) editOffsets.push_back({o.start, o.end});
 
     const CutRun run = ix.session.cut(file, output, editRanges, editOffsets, s.cutKind);
-    const uint64_t needed = neededBytes(ix, file, ranges);
-    if (!run.accepted) throw JobFailure(refusedCut(ix, file, output, s.cutKind, needed));
-    // The library removes an output that it could not write, and leaves one
-    // whose ranges could not all be cut.
-    if (run.end == kHostEventCutFailed && !fs::exists(fs::symlink_status(output)))
-        throw JobFailure(writeFailure(output, needed));
-    if (run.end != kHostEventCutDone) {
-        // The library leaves what it wrote before the failure; it is no cut of
-        // the ranges asked for, so it goes.
-        std::error_code ec;
-        fs::remove(output, ec);
-        if (run.end == kHostEventCutFailed) throw JobFailure(failedCut(ix, ranges, file));
-        throw JobFailure("the library gave no answer while cutting " + file);
-    }
-
-    // The library moves an offset pair to the output's timeline when one
-    // range, as given, holds both times; the others it leaves as they were.
-    json report = json::array();
-    for (size_t i = 0; i < offsets.size(); ++i) {
-        const bool inside = std::any_of(ranges.begin(), ranges.end(), [&](const TimeSpan& r) {
-            return offsets[i].start >= r.start && offsets[i].end <= r.end;
-        });
-        json entry = {{"source", {{"first", offsets[i].start}, {"second", offsets[i].end}}}, {"output", nullptr}};
-        if (inside && run.reportRead && i < run.offsets.size())
-            entry["output"] = {{"first", run.offsets[i].first}, {"second", run.offsets[i].second}};
-        report.push_back(entry);
-    }
+    requireFinishedCut(ix, s, run, file, output, ranges);
+    const json report = offsetsReport(run, ranges, offsets);
     const bool exact = s.cutKind == kCutKindExact;
     const std::vector<RangePictures> made = exact ? exactRanges(ix, file, output, ranges) : std::vector<RangePictures>{};
     if (exact && made.empty())
         std::cerr << "tessalo: warning: the output does not hold exactly the pictures of the ranges\n";
-    if (s.json) {
-        json jr = json::array();
-        for (size_t i = 0; i < ranges.size(); ++i) {
-            const TimeSpan& r = ranges[i];
-            json entry = {{"start", r.start}, {"end", r.end}};
-            if (!exact) entry["opensAtKey"] = openingKey(ix.keys, r.start, s.cutKind);
-            if (!made.empty()) {
-                const size_t count = size_t(std::count(made[i].made.begin(), made[i].made.end(), true));
-                entry["reencoded"] = count;
-                entry["copied"] = made[i].made.size() - count;
-            }
-            jr.push_back(entry);
-        }
-        out << json{{"source", file}, {"output", output}, {"ranges", jr}, {"offsets", report}}.dump(2) << "\n";
-        return 0;
-    }
-    out << "cut " << file << " -> " << output << " (" << ranges.size() << " range" << (ranges.size() == 1 ? "" : "s")
-        << ")\n";
-    for (size_t i = 0; i < ranges.size(); ++i) {
-        out << "  range " << i + 1 << "  " << spanText(ranges[i].start, ranges[i].end) << "  ("
-            << clockText(ranges[i].start) << " - " << clockText(ranges[i].end) << ")";
-        if (!exact)
-            out << ", opens on the key frame at " << openingKey(ix.keys, ranges[i].start, s.cutKind) << " ms";
-        else if (!made.empty())
-            out << ": " << runsText(made[i].pts, made[i].made);
-        out << "\n";
-    }
-    if (!report.empty()) out << "offsets on the output's timeline:\n";
-    for (const json& e : report) {
-        out << "  " << spanText(e["source"]["first"], e["source"]["second"]) << " -> ";
-        if (e["output"].is_null())
-            out << "not inside one kept range; left as given\n";
-        else
-            out << spanText(e["output"]["first"], e["output"]["second"]) << "\n";
-    }
+    if (s.json)
+        out << json{{"source", file}, {"output", output}, {"ranges", cutJson(ix, s, ranges, made)}, {"offsets", report}}
+                   .dump(2)
+            << "\n";
+    else
+        printCut(ix, s, file, output, ranges, made, report, out);
     return 0;
 }
 

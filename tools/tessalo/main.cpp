@@ -120,6 +120,41 @@ std::vector<Subcommand> addReadingCommands(CLI::App& app, Arguments& a) {
              }}};
 }
 
+// The subcommands that write files; `a` outlives the returned runs.
+std::vector<Subcommand> addWritingCommands(CLI::App& app, Arguments& a) {
+    Settings& settings = a.settings;
+
+    auto* cut = app.add_subcommand("cut", "Cut time ranges into a new MP4 without re-encoding (--exact: re-encoding only what must be)");
+    cut->add_option("FILE", a.file, "Media file")->required();
+    cut->add_option("-o,--output", a.output, "Output file (.mp4 or .mov)")->required();
+    cut->add_option("-r,--range", a.rangeTexts, "Range START-END to keep, end inclusive; repeat for more")
+        ->required()
+        ->take_all();
+    cut->add_option("--offset", a.offsetTexts, "Pair of source times A-B to translate to the output's timeline");
+    cut->add_flag("--json", settings.json, "Print JSON");
+    auto* kind = cut->add_option("--kind", settings.cutKind,
+                                 "1: audio and video keep the source's own offset, ranges join without overlap "
+                                 "(default); 0: the original timeline, with fixed steps at each join; 2: as --exact")
+                     ->check(CLI::Range(0, 2))
+                     ->capture_default_str();
+    cut->add_flag_callback(
+           "--exact", [&a] { a.settings.cutKind = kCutKindExact; },
+           "Frame-exact: each range shows exactly its pictures; those before its first key frame and after its "
+           "last clean point are encoded again, the rest copied")
+        ->excludes(kind);
+
+    auto* demo = app.add_subcommand("demo", "Make a sample clip, then run info, thumbs and a cut on it");
+    demo->add_option("-o,--output", a.demoDir, "Folder for what the demo makes")->capture_default_str();
+
+    std::vector<Subcommand> commands;
+    commands.push_back({cut, [&a](std::ostream& out) {
+                            return runCut(a.settings, a.file, a.output, spans(a.rangeTexts, "range"),
+                                          spans(a.offsetTexts, "offset"), out);
+                        }});
+    commands.push_back({demo, [&a](std::ostream& out) { return runDemo(a.settings, a.demoDir, out); }});
+    return commands;
+}
+
 // The library prints a few diagnostics of its own to standard output
 // (complaints about its writer's calling order). They must not mix with what
 // this program prints (JSON above all), nor come before or after its one
@@ -159,40 +194,7 @@ int main(int argc, char** argv) {
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
     std::vector<Subcommand> commands = addReadingCommands(app, args);
-    Settings& settings = args.settings;
-    std::string& file = args.file;
-    std::string& output = args.output;
-    std::vector<std::string>& rangeTexts = args.rangeTexts;
-    std::vector<std::string>& offsetTexts = args.offsetTexts;
-    std::string& demoDir = args.demoDir;
-
-    auto* cut = app.add_subcommand("cut", "Cut time ranges into a new MP4 without re-encoding (--exact: re-encoding only what must be)");
-    cut->add_option("FILE", file, "Media file")->required();
-    cut->add_option("-o,--output", output, "Output file (.mp4 or .mov)")->required();
-    cut->add_option("-r,--range", rangeTexts, "Range START-END to keep, end inclusive; repeat for more")
-        ->required()
-        ->take_all();
-    cut->add_option("--offset", offsetTexts, "Pair of source times A-B to translate to the output's timeline");
-    cut->add_flag("--json", settings.json, "Print JSON");
-    auto* kind = cut->add_option("--kind", settings.cutKind,
-                                 "1: audio and video keep the source's own offset, ranges join without overlap "
-                                 "(default); 0: the original timeline, with fixed steps at each join; 2: as --exact")
-                     ->check(CLI::Range(0, 2))
-                     ->capture_default_str();
-    cut->add_flag_callback(
-           "--exact", [&settings] { settings.cutKind = kCutKindExact; },
-           "Frame-exact: each range shows exactly its pictures; those before its first key frame and after its "
-           "last clean point are encoded again, the rest copied")
-        ->excludes(kind);
-
-    auto* demo = app.add_subcommand("demo", "Make a sample clip, then run info, thumbs and a cut on it");
-    demo->add_option("-o,--output", demoDir, "Folder for what the demo makes")->capture_default_str();
-
-    commands.push_back({cut, [&](std::ostream& out) {
-                            return runCut(settings, file, output, spans(rangeTexts, "range"),
-                                          spans(offsetTexts, "offset"), out);
-                        }});
-    commands.push_back({demo, [&](std::ostream& out) { return runDemo(settings, demoDir, out); }});
+    for (Subcommand& command : addWritingCommands(app, args)) commands.push_back(std::move(command));
 
     try {
         app.parse(argc, argv);
@@ -212,6 +214,6 @@ int main(int argc, char** argv) {
     }
     FdBuf outBuf(outFd);
     std::ostream out(&outBuf);
-    settings.idle = std::chrono::milliseconds(static_cast<int64_t>(args.timeoutSeconds * 1000));
+    args.settings.idle = std::chrono::milliseconds(static_cast<int64_t>(args.timeoutSeconds * 1000));
     return runChosen(commands, out);
 }
