@@ -13,6 +13,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
+#include <libavutil/buffer.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/dict.h>
 #include <libavutil/frame.h>
@@ -76,6 +77,10 @@ struct IOContextFree {
 struct ParserFree {
     void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
 };
+// The pool goes once the last of its buffers is given back.
+struct BufferPoolFree {
+    void operator()(AVBufferPool* pool) const { av_buffer_pool_uninit(&pool); }
+};
 
 // An AVChannelLayout held by value, unspecified at first: a custom layout's
 // channel map goes with it.
@@ -136,6 +141,7 @@ using DictionaryHolder = std::unique_ptr<AVDictionary, ffmpeg_holders::Dictionar
 // An I/O context made with avio_alloc_context, with its buffer.
 using IOContextHolder = std::unique_ptr<AVIOContext, ffmpeg_holders::IOContextFree>;
 using ParserHolder = std::unique_ptr<AVCodecParserContext, ffmpeg_holders::ParserFree>;
+using BufferPoolHolder = std::unique_ptr<AVBufferPool, ffmpeg_holders::BufferPoolFree>;
 
 // Opens `path` for reading; null when libavformat cannot (the reason is in
 // `error` when given: FFmpeg's code, below zero).

@@ -84,12 +84,26 @@ std::vector<uint8_t> avcRecord(const uint8_t* sets, size_t size) {
     return record;
 }
 
+LengthPrefixer::LengthPrefixer(size_t pooled)
+    : pooled(pooled), pool(av_buffer_pool_init(pooled + AV_INPUT_BUFFER_PADDING_SIZE, nullptr)) {}
+
+bool LengthPrefixer::takeBuffer(size_t size, AVPacket* out) {
+    av_packet_unref(out);
+    if (size > pooled || !pool) return size <= size_t(INT32_MAX) - AV_INPUT_BUFFER_PADDING_SIZE &&
+                                      av_new_packet(out, int(size)) == 0;
+    out->buf = av_buffer_pool_get(pool.get());
+    if (!out->buf) return false;
+    out->data = out->buf->data;
+    out->size = int(size);
+    std::memset(out->data + size, 0, AV_INPUT_BUFFER_PADDING_SIZE);
+    return true;
+}
+
 bool LengthPrefixer::convert(const uint8_t* sample, size_t size, AVPacket* out) {
     findUnits(sample, size, units);
     size_t total = 0;
     for (const auto& unit : units) total += 4 + unit.second;
-    av_packet_unref(out);
-    if (total > size_t(INT32_MAX) - AV_INPUT_BUFFER_PADDING_SIZE || av_new_packet(out, int(total)) < 0) return false;
+    if (!takeBuffer(total, out)) return false;
     uint8_t* to = out->data;
     for (const auto& unit : units) {
         const uint32_t length = uint32_t(unit.second);

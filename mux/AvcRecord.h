@@ -22,11 +22,21 @@ std::vector<uint8_t> avcRecord(const uint8_t* sets, size_t size);
 // thread at a time (the muxer's writing thread).
 class LengthPrefixer {
 public:
+    // Samples of up to `pooled` bytes once converted take their buffers from
+    // a pool that libavformat gives them back to, rather than from one
+    // allocation each.
+    explicit LengthPrefixer(size_t pooled);
+
     // `out` gets a reference-counted buffer with the sample's NAL units, each
     // behind its 4-byte length; its other fields are reset. False when no
     // buffer could be had.
     bool convert(const uint8_t* sample, size_t size, AVPacket* out);
 
 private:
+    // A buffer of `size` bytes and zeroed padding in `out`.
+    bool takeBuffer(size_t size, AVPacket* out);
+
     std::vector<std::pair<size_t, size_t>> units;  // offset and length of each NAL unit
+    size_t pooled;
+    BufferPoolHolder pool;
 };

@@ -36,7 +36,8 @@ void setMuxWriteObserver(MuxWriteObserver observer, void* user) {
     writeObserver.store(observer);
 }
 
-MPEG4MuxerThread::MPEG4MuxerThread(MPEG4FileMuxer* owner) : owner(owner) {}
+MPEG4MuxerThread::MPEG4MuxerThread(MPEG4FileMuxer* owner)
+    : owner(owner), prefixer(MPEG4FileMuxer::kVideoElementSize) {}
 
 void MPEG4MuxerThread::run() {
     audioBlock.reset(new (std::nothrow) uint8_t[MPEG4FileMuxer::kAudioElementSize]);

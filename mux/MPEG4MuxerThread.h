@@ -59,7 +59,7 @@ private:
     std::unique_ptr<uint8_t[]> videoBlock;
     PacketHolder packet;
     PacketHolder filtered;
-    LengthPrefixer prefixer;
+    LengthPrefixer prefixer;  // pooled up to a ring slot's size
     int64_t baseTime = 0;
     int32_t writeCounter = 0;
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 #include "mux/AvcRecord.h"
 #include "support/TestSupport.h"
@@ -60,14 +61,19 @@ TEST(LengthPrefixer, GivesEachUnitItsLengthWhateverItsStartCodeAndLeavesOutTrail
                               0, 0, 1, 0x41, 0x9A};
     const uint8_t expected[] = {0, 0, 0, 2, 0x09, 0xF0, 0, 0, 0, 7, 0x65, 0x01, 0, 0, 3, 1, 0x88,
                                 0, 0, 0, 2, 0x41, 0x9A};
-    LengthPrefixer prefixer;
-    PacketHolder packet(av_packet_alloc());
-    ASSERT_TRUE(prefixer.convert(sample, sizeof sample, packet.get()));
-    ASSERT_EQ(size_t(packet->size), sizeof expected);
-    EXPECT_EQ(std::memcmp(packet->data, expected, sizeof expected), 0);
-    EXPECT_NE(packet->buf, nullptr);  // reference-counted: libavformat keeps it without a copy
-    ASSERT_TRUE(prefixer.convert(sample, 1, packet.get()));
-    EXPECT_EQ(packet->size, 0);
+    // From the pool, and from an allocation of its own when the pool's buffers are too small.
+    for (const size_t pooled : {sizeof expected, sizeof expected - 1}) {
+        LengthPrefixer prefixer(pooled);
+        PacketHolder packet(av_packet_alloc());
+        ASSERT_TRUE(prefixer.convert(sample, sizeof sample, packet.get()));
+        ASSERT_EQ(size_t(packet->size), sizeof expected);
+        EXPECT_EQ(std::memcmp(packet->data, expected, sizeof expected), 0);
+        EXPECT_NE(packet->buf, nullptr);  // reference-counted: libavformat keeps it without a copy
+        const std::vector<uint8_t> padding(packet->data + packet->size, packet->data + packet->size + 8);
+        EXPECT_EQ(padding, std::vector<uint8_t>(8, 0)) << "a decoder may read past the end";
+        ASSERT_TRUE(prefixer.convert(sample, 1, packet.get()));
+        EXPECT_EQ(packet->size, 0);
+    }
 }
 
 }  // namespace
