@@ -1,6 +1,7 @@
 #include "mux/AvcRecord.h"
 
 #include <cstring>
+#include <new>
 
 #include "base/NalBits.h"
 
@@ -100,7 +101,14 @@ bool LengthPrefixer::takeBuffer(size_t size, AVPacket* out) {
 }
 
 bool LengthPrefixer::convert(const uint8_t* sample, size_t size, AVPacket* out) {
-    findUnits(sample, size, units);
+    // On the writing thread nothing may throw: a list of units that cannot
+    // grow fails the sample as a buffer that cannot be had does.
+    try {
+        findUnits(sample, size, units);
+    } catch (const std::bad_alloc&) {
+        av_packet_unref(out);
+        return false;
+    }
     size_t total = 0;
     for (const auto& unit : units) total += 4 + unit.second;
     if (!takeBuffer(total, out)) return false;
