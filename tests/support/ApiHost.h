@@ -16,6 +16,7 @@ const Events kOnePicture{kHostEventPicStart, kHostEventPicReady, kHostEventPicDo
 const Events kWalkEnds{kHostEventIndexReady, kHostEventFileError, kHostEventError,  kHostEventBadCodec,
                        kHostEventBadSampleRate, kHostEventBadChannels, kHostEventNoVideo};
 constexpr std::chrono::seconds kWait{60};
+constexpr int32_t kRefused = -2;  // the export said no; -1 is an end that never came
 
 struct Picture {
     int64_t pts = 0;
@@ -27,10 +28,10 @@ class Host {
 public:
     Host() : handle(TSL_CreateTessalo(this, &Host::callback)) {}
     ~Host() { TSL_DestoryTessalo(handle); }
-    // Walks `path` to its end: the ending event, or -1 when the walk was refused or never ended.
+    // Walks `path` to its end: the ending event.
     int32_t walk(const std::string& path) {
         events.clear();
-        return TSL_StartPic(handle, path.c_str()) ? events.waitForAny(kWalkEnds, kWait) : -1;
+        return TSL_StartPic(handle, path.c_str()) ? events.waitForAny(kWalkEnds, kWait) : kRefused;
     }
     bool index(const std::string& path) { return walk(path) == kHostEventIndexReady; }
     bool send(const std::vector<int64_t>& pts) { return TSL_GetPicByPts(handle, pts.data(), int32_t(pts.size())); }
@@ -42,9 +43,10 @@ public:
         events.waitForAny({kHostEventPicDone, kHostEventError, kHostEventFileError}, kWait);
         return events.events();
     }
-    // One range cut to its end: the ending event, or -1 when the cut was refused.
+    // One range cut to its end: the ending event.
     int32_t cut(const std::string& src, const std::string& dst, EditRange range, int32_t kind = kCutKindSynced) {
-        if (!TSL_CutFile(handle, src.c_str(), dst.c_str(), &range, 1, nullptr, 0, kind)) return -1;
+        events.clear();
+        if (!TSL_CutFile(handle, src.c_str(), dst.c_str(), &range, 1, nullptr, 0, kind)) return kRefused;
         return events.waitForAny({kHostEventCutDone, kHostEventCutFailed}, kWait);
     }
     std::vector<int64_t> keyPts() {
