@@ -89,14 +89,17 @@ TEST(SoftMediaDecoderImpl, PacksPlanesIntoOneBlock) {
     SoftMediaDecoderImpl d(kMediaKindVideo);
     auto* codec = new ScriptedCodec;
     d.codec.reset(codec);
-    // Y rows, then U, then V, without the stride tails.
-    const std::vector<uint8_t> packed6x4{0,    1,    2,    3,    4,    5,    8,    9,    10,   11,   12,   13,
-                                         16,   17,   18,   19,   20,   21,   24,   25,   26,   27,   28,   29,
-                                         0x50, 0x51, 0x52, 0x58, 0x59, 0x5A, 0xA0, 0xA1, 0xA2, 0xA8, 0xA9, 0xAA};
-    const std::vector<uint8_t> packed5x3{0, 1, 2, 3, 4, 8, 9, 10, 11, 12, 16, 17, 18, 19, 20, 0x50, 0x51, 0xA0, 0xA1};
+    // Y rows, then U, then V, without the stride tails: each byte as shape() wrote it.
+    const auto packed = [](int32_t w, int32_t h) {
+        std::vector<uint8_t> out;
+        for (int p = 0; p < 3; ++p)
+            for (int r = 0; r < (p ? h >> 1 : h); ++r)
+                for (int c = 0; c < (p ? w >> 1 : w); ++c) out.push_back(static_cast<uint8_t>(p * 0x50 + r * 8 + c));
+        return out;
+    };
     const struct { int32_t w, h, pad; uint32_t size; bool sameBlock; std::vector<uint8_t> packed; } cases[] = {
-        {6, 4, 10, 36, false, packed6x4}, {6, 4, 2, 36, true, packed6x4}, {5, 3, 3, 22, false, packed5x3},
-        {5, 3, 1, 22, true, packed5x3}, {8, 6, 0, 72, false, {}}};
+        {6, 4, 10, 36, false, packed(6, 4)}, {6, 4, 2, 36, true, packed(6, 4)}, {5, 3, 3, 22, false, packed(5, 3)},
+        {5, 3, 1, 22, true, packed(5, 3)}, {8, 6, 0, 72, false, {}}};
     VideoPacket packet;
     const uint8_t* block = nullptr;
     for (const auto& c : cases) {

@@ -1,9 +1,11 @@
-// The engine's small pieces: which group opens a range, the conversion of a
-// sample to start codes, and the source file handle's seeks.
+// The engine's small pieces: which group opens a range, the frame-exact plan of a range on made-up decoding
+// orders where its rules show, the conversion of a sample to start codes, and the source file's seeks.
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <fstream>
 
+#include "edit/ExactPlan.h"
 #include "edit/FileEditer.h"
 #include "edit/FileOperator.h"
 #include "support/TestSupport.h"
@@ -13,7 +15,7 @@ using Morvel_Tessalo::FileEditer;
 
 namespace {
 
-TEST(FindKeyGroup, EqualPtsSelectsTheGroupBeforeAndTheLastGroupNeedsALaterFrame) {
+TEST(FindKeyGroup, AnEqualPtsSelectsTheGroupBeforeAndTheLastGroupNeedsALaterFrame) {
     // Key frames at 0, 2000 and 4000, decode order; the last group ends on 5920 though it shows 5960.
     std::vector<FrameRecord> records;  // complete before the groups point into it
     for (int64_t pts : {0, 120, 40, 80, 2000, 2120, 2040, 4000, 4120, 4040, 5960, 5920})
@@ -36,6 +38,73 @@ TEST(FindKeyGroup, EqualPtsSelectsTheGroupBeforeAndTheLastGroupNeedsALaterFrame)
     EXPECT_FALSE(FileEditer::findKeyGroup({}, 0, &group));
 }
 
+// An index of made-up groups: each record is {pts, dts}; the first of a group is its key frame.
+struct MadeUpIndex {
+    MadeUpIndex(std::initializer_list<std::initializer_list<std::pair<int64_t, int64_t>>> layout) {
+        for (const auto& group : layout) {
+            owned.emplace_back();
+            for (const auto& [pts, dts] : group) {
+                records.push_back(FrameRecord{uint8_t(owned.back().empty()), 100, pts, dts, 0});
+                owned.back().push_back(&records.back());
+            }
+        }
+        for (FrameGroup& group : owned) groups.push_back(&group);
+    }
+    std::deque<FrameRecord> records;
+    std::deque<FrameGroup> owned;
+    std::vector<FrameGroup*> groups;
+};
+
+const auto everyKeyIsIdr = [](size_t) { return true; };
+
+// Two closed groups: I0 P3 B1 B2 P6 B4 B5, then I7 P10 B8 B9.
+MadeUpIndex twoGroups() {
+    return {{{0, -2}, {3, -1}, {1, 0}, {2, 1}, {6, 2}, {4, 3}, {5, 4}}, {{7, 5}, {10, 6}, {8, 7}, {9, 8}}};
+}
+
+TEST(ExactPlan, MakesTheHeadCopiesFromTheFirstIdrKeyInsideAndMakesTheTailPastTheLastCleanPoint) {
+    const MadeUpIndex index = twoGroups();
+    const ExactPlan plan = planExactRange(index.groups, {2, 8}, everyKeyIsIdr, 1);
+    EXPECT_EQ(plan.head, (std::vector<int64_t>{2, 3, 4, 5, 6}));
+    EXPECT_EQ(plan.headFrom, 0u);
+    ASSERT_TRUE(plan.copies);
+    EXPECT_EQ(plan.copyFrom, (IndexPlace{1, 0}));
+    EXPECT_EQ(plan.copyEnd, (IndexPlace{1, 1}));  // P10 is shown past the end
+    EXPECT_EQ(plan.tail, (std::vector<int64_t>{8}));
+    EXPECT_EQ(plan.tailFrom, 1u);
+    EXPECT_EQ(plan.lead, 2);
+    EXPECT_EQ(plan.shownEnd, 9);
+}
+
+TEST(ExactPlan, CopiesARangeFromAKeyFrameToACleanEndWhole) {
+    const MadeUpIndex index = twoGroups();
+    const ExactPlan plan = planExactRange(index.groups, {0, 6}, everyKeyIsIdr, 1);
+    EXPECT_TRUE(plan.head.empty());
+    EXPECT_TRUE(plan.tail.empty());
+    EXPECT_EQ(plan.copyEnd, (IndexPlace{1, 0}));
+}
+
+TEST(ExactPlan, GivesUpCopiedPicturesShownAfterOnesItMustMake) {
+    // I0 P4, then P9 past the end, then B2 B1 B3 that P4 is shown after: copying P4 would put made
+    // pictures on screen before a copied one.
+    const MadeUpIndex index{{{0, -1}, {4, 0}, {9, 1}, {2, 2}, {1, 3}, {3, 4}}};
+    const ExactPlan plan = planExactRange(index.groups, {0, 5}, everyKeyIsIdr, 1);
+    EXPECT_EQ(plan.copyEnd, (IndexPlace{0, 1}));
+    EXPECT_EQ(plan.tail, (std::vector<int64_t>{1, 2, 3, 4}));
+}
+
+TEST(ExactPlan, MakesWholeARangeWithoutAnIdrKeyInsideAndDecodesItFromTheLastIdrBefore) {
+    const MadeUpIndex index = twoGroups();
+    const ExactPlan plan = planExactRange(index.groups, {8, 9}, [](size_t g) { return g == 0; }, 1);
+    EXPECT_FALSE(plan.copies);
+    EXPECT_EQ(plan.head, (std::vector<int64_t>{8, 9}));
+    EXPECT_EQ(plan.headFrom, 0u);
+}
+
+TEST(ExactPlan, ARangePastEveryPictureShowsNothing) {
+    EXPECT_FALSE(planExactRange(twoGroups().groups, {20, 30}, everyKeyIsIdr, 1).shows);
+}
+
 // Length-prefixed units of the given sizes (unit i filled with i + 1), and their start-code form.
 std::pair<Bytes, Bytes> units(std::vector<uint32_t> sizes) {
     Bytes in, out;
@@ -48,7 +117,9 @@ std::pair<Bytes, Bytes> units(std::vector<uint32_t> sizes) {
     return {in, out};
 }
 
-TEST(ToAnnexB, ThreeByteStartCodesWithinTheBuffer_MalformedSamplesFail) {
+// Rows: one unit, several (one empty), four of 1 MiB that fill the buffer, none; then failures: one that
+// converts to 1 MiB + 1 byte, a length above the sample, a unit past the end, a stub too short for a prefix.
+TEST(ToAnnexB, GivesThreeByteStartCodesWithinTheBufferOrFailsTheSample) {
     const int32_t cap = FileEditer::kSampleBufferSize;
     const uint32_t quarter = uint32_t(cap) / 4 - 3;  // 1 MiB + 4 bytes in, exactly 1 MiB out
     const auto [several, severalOut] = units({2, 0, 3});
@@ -59,9 +130,10 @@ TEST(ToAnnexB, ThreeByteStartCodesWithinTheBuffer_MalformedSamplesFail) {
     stub.insert(stub.end(), {0, 0});     // too short for a length prefix
     const struct { Bytes sample, expected; bool ok; } cases[] = {
         {{0, 0, 0, 2, 0x65, 0x66}, {0, 0, 1, 0x65, 0x66}, true}, {several, severalOut, true}, {big, bigOut, true},
-        {{}, {}, true}, {units({uint32_t(cap) - 2}).first, {}, false},  // this one converts to 1 MiB + 1 byte
+        {{}, {}, true}, {units({uint32_t(cap) - 2}).first, {}, false},
         {tooLong, {}, false}, {runaway, {}, false}, {stub, {}, false}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.sample.size());
         const Bytes sample = c.sample;      // exactly sized: ASan sees any read past it
         Bytes out(size_t(cap) + 16, 0xCC);  // guard bytes behind the buffer
         int32_t length = -1;
@@ -73,7 +145,7 @@ TEST(ToAnnexB, ThreeByteStartCodesWithinTheBuffer_MalformedSamplesFail) {
 
 std::vector<std::pair<int32_t, MoveFrom>> gMoves;  // the hook runs on the seeking thread
 
-TEST(FileOperator, FarSeeksTakeSteps_ZeroMakesNoMove) {
+TEST(FileOperator, AFarSeekTakesThirtyTwoBitStepsAndASeekToZeroMakesNoMove) {
     const std::string path = tsltest::scratchDir() + "/abc.bin";
     std::ofstream(path) << "abc";
     FileOperator file;

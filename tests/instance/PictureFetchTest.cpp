@@ -65,7 +65,7 @@ void countMove(int32_t, MoveFrom from) { movesFromBegin += from == MoveFrom::Beg
 
 // Groups after the first lie 3 GiB further on, in a sparse copy: the jump
 // there cannot be one 32-bit move, and the pictures must still be right.
-TEST(PictureFetch, GapBeyondOneThirtyTwoBitMove) {
+TEST(PictureFetch, AGapBeyondOneThirtyTwoBitMoveIsCrossedAndThePicturesAreRight) {
     Fetch fetch;
     ASSERT_EQ(fetch.impl.keyGroups.size(), 5u);
     const std::string sparse = tsltest::scratchDir() + "/sparse.mp4";
@@ -117,13 +117,13 @@ TEST(PictureFetch, ALaterSampleThatCannotBeHeldEndsTheRequestAsTheFileWould) {
     // end of the file: what the decoder still holds comes out, and each asked
     // picture that cannot come is answered by a decode error, in order.
     const int64_t fileSize = static_cast<int64_t>(std::filesystem::file_size(mainFile()));
-    for (int variant = 0; variant < 3; ++variant) {
+    for (const char* variant : {"no position", "longer than the read buffer", "past the end of the file"}) {
         SCOPED_TRACE(variant);
         Fetch fetch;
         FrameRecord& bad = *(*fetch.impl.keyGroups[0])[3];
-        if (variant == 0) bad.position = -1;
-        if (variant == 1) bad.size = kReadBufferSize + 1;
-        if (variant == 2) {
+        if (variant[0] == 'n') bad.position = -1;
+        if (variant[0] == 'l') bad.size = kReadBufferSize + 1;
+        if (variant[0] == 'p') {
             bad.size = 0x100000;
             bad.position = fileSize - 100;
         }

@@ -53,7 +53,7 @@ struct Output {
 // Small, then larger (the block must grow, not be overrun), then formats whose
 // own buffer is smaller than what the conversion writes or that FFmpeg does
 // not know, then back to planar at the small size.
-TEST(ConvertPicture, BlockFollowsPicturesAndFormats) {
+TEST(ConvertPicture, TheBlockFollowsPicturesAndFormats) {
     Output out;
     const std::vector<uint8_t> small = packed(6, 4, 20);
     out.convert(small, 6, 4, 0);
@@ -78,7 +78,9 @@ TEST(ConvertPicture, OddSizesStayInsideTheSource) {
         // Every pixel white: the repeated chroma edge is neutral like the rest.
         for (int i = 0; i < out.size; ++i) ASSERT_GE(out.block[i], 250) << w << "x" << h << " byte " << i;
     }
-    // A source shorter than its size claims is refused, not read past.
+}
+
+TEST(ConvertPicture, ASourceShorterThanItsSizeClaimsIsRefusedNotReadPast) {
     Output out;
     out.convert(std::vector<uint8_t>(10, 16), 6, 4, AV_PIX_FMT_BGR24);
     EXPECT_EQ(out.size, 0);

@@ -1,8 +1,11 @@
-// FileMuxer's states, MPEG4FileMuxer's refusals and writing thread; ffprobe/ffmpeg judge the files.
+// FileMuxer's states, MPEG4FileMuxer's refusals and writing thread, and the MP4 form of H.264 it makes
+// itself; ffprobe and ffmpeg judge the files, libavformat's own writer the avcC record.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <vector>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -12,6 +15,7 @@
 
 #include "FixtureSamples.h"
 #include "base/Results.h"
+#include "mux/AvcRecord.h"
 #include "mux/MPEG4FileMuxer.h"
 #include "mux/MPEG4MuxerThread.h"
 #include "support/TestSupport.h"
@@ -19,6 +23,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using tsltest::probe;
 using Written = std::pair<int, int64_t>;  // stream, dts in ms
 const char kDeduceFailed[] = "Could not deduce output format from file extension.\n";
 const char kCounts[] = "-count_packets -show_entries stream=codec_type,nb_read_packets";
@@ -27,10 +32,6 @@ std::string printed(const std::function<void()>& call) {
     testing::internal::CaptureStdout();
     call();
     return testing::internal::GetCapturedStdout();
-}
-
-std::string probe(const std::string& path, const std::string& args, int* status = nullptr) {
-    return tsltest::run("ffprobe -v error " + args + " -of csv=p=0 " + tsltest::shellQuote(path), status);
 }
 
 std::vector<int64_t> dtsMs(const std::string& path, const std::string& stream) {
@@ -110,7 +111,7 @@ struct Session : FileMuxerNotify {
     MPEG4FileMuxer muxer;
 };
 
-TEST(FileMuxerBase, StatesAndTheirComplaints) {
+TEST(FileMuxerBase, ACallOutOfItsStateIsRefusedAndSaysSo) {
     FileMuxer m;  // state 0 until an implementation finishes constructing
     uint8_t byte = 0;
     VideoTrackInfo video{};
@@ -140,7 +141,7 @@ TEST(FileMuxerBase, StatesAndTheirComplaints) {
 }
 
 // All of main.mp4 into each container a name picks, directly or by its last three bytes.
-TEST(Mux, WholeFixtureIntoEveryContainer) {
+TEST(Mux, TheWholeFixtureGoesIntoEachContainerItsNamePicks) {
     const std::string dir = tsltest::scratchDir(), source = tsltest::media("main.mp4");
     const std::string counts = probe(source, kCounts + std::string(" -select_streams a")) +
                                probe(source, kCounts + std::string(" -select_streams v"));
@@ -165,7 +166,7 @@ TEST(Mux, WholeFixtureIntoEveryContainer) {
     }
 }
 
-TEST(Mux, Refusals) {
+TEST(Mux, ANameThatPicksNoContainerIsRefusedAndNothingIsWritten) {
     const std::string dir = tsltest::scratchDir();
     for (const char* name : {"a.xyz", "a_MP4"}) {  // the fallback is exact and in lower case
         MPEG4FileMuxer muxer;
@@ -174,7 +175,10 @@ TEST(Mux, Refusals) {
                   printed([&] { EXPECT_EQ(kErrUnsupported, muxer.setOutputFile(bad.c_str())); }));
         EXPECT_FALSE(std::filesystem::exists(bad));
     }
-    Session r(dir + "/out.mp4");
+}
+
+TEST(Mux, ATrackOfAnotherCodecOrSampleSizeIsRefused) {
+    Session r(tsltest::scratchDir() + "/out.mp4");
     ASSERT_EQ(kOk, r.muxer.setOutputFile(r.path.c_str()));
     VideoTrackInfo video = r.clip.videoInfo();
     AudioTrackInfo audio = r.clip.audioInfo();
@@ -184,7 +188,12 @@ TEST(Mux, Refusals) {
     audio.codecType = 1;
     audio.sampleBits = 24;
     EXPECT_EQ(kErrInvalidArgument, r.muxer.addAudioTrack(&audio));
-    // No track: start refuses before any header and leaves state 3.
+}
+
+// No track: start refuses before any header and leaves state 3, and the owner is told nothing.
+TEST(Mux, AStartWithoutATrackIsRefusedBeforeAnyHeader) {
+    Session r(tsltest::scratchDir() + "/out.mp4");
+    ASSERT_EQ(kOk, r.muxer.setOutputFile(r.path.c_str()));
     EXPECT_EQ("", printed([&] { EXPECT_EQ(kErrInvalidState, r.muxer.start()); }));
     EXPECT_EQ(3, r.muxer.state);
     EXPECT_EQ(0u, std::filesystem::file_size(r.path));
@@ -192,7 +201,7 @@ TEST(Mux, Refusals) {
 }
 
 // Per track: a lower dts is refused, and not stored, only while the last one is above 0.
-TEST(Mux, DtsMustNotGoBack) {
+TEST(Mux, ALowerDtsIsRefusedWhileTheTracksLastIsAboveZero) {
     Session r(tsltest::scratchDir() + "/out.mp4");
     r.start();  // video alone on a two-track file stays in its ring
     EXPECT_EQ(kOk, r.send(kTrackVideo, 100));
@@ -233,18 +242,19 @@ TEST(Mux, KeptTimesAreTheFilesOwn) {
     EXPECT_EQ(tsltest::decodeErrors(r.path), "");
 }
 
-// A file that cannot be written fails as a whole: samples are refused at once instead of waiting for room,
-// stop says so, and the owner is still told once that the thread has ended. One that cannot even take its
-// header (/dev/full) fails the start.
-TEST(Mux, AFailedWriteFailsTheFileAndRefusesFurtherSamplesAtOnce) {
-    const std::string dir = tsltest::scratchDir();
-    std::filesystem::create_symlink("/dev/full", dir + "/full.mp4");
-    MPEG4FileMuxer full;
+TEST(Mux, AnOutputThatCannotTakeItsHeaderFailsTheStart) {
+    const std::string full = tsltest::scratchDir() + "/full.mp4";
+    std::filesystem::create_symlink("/dev/full", full);
+    MPEG4FileMuxer muxer;
     AudioTrackInfo audio = mainClip().audioInfo();
-    ASSERT_EQ(kOk, full.setOutputFile((dir + "/full.mp4").c_str()) | full.addAudioTrack(&audio));
-    EXPECT_EQ(kErrFileIo, full.start());
+    ASSERT_EQ(kOk, muxer.setOutputFile(full.c_str()) | muxer.addAudioTrack(&audio));
+    EXPECT_EQ(kErrFileIo, muxer.start());
+}
 
-    Session r(dir + "/out.mp4");
+// A file that cannot be written fails as a whole: samples are refused at once instead of waiting for room,
+// stop says so, and the owner is still told once that the thread has ended.
+TEST(Mux, AFailedWriteFailsTheFileAndRefusesFurtherSamplesAtOnce) {
+    Session r(tsltest::scratchDir() + "/out.mp4");
     r.start();
     tsltest::FileSizeLimit limit(200000);
     int32_t result = kOk;
@@ -257,7 +267,7 @@ TEST(Mux, AFailedWriteFailsTheFileAndRefusesFurtherSamplesAtOnce) {
 }
 
 // 524288 bytes is the largest video sample that fits a ring element.
-TEST(Mux, OversizeVideoSampleNeverReachesTheFile) {
+TEST(Mux, AnOversizeVideoSampleNeverReachesTheFile) {
     Session r(tsltest::scratchDir() + "/out.mp4");
     std::vector<uint8_t> big = r.clip.samples[0].bytes;  // a key frame, padded by a filler NAL unit
     big.insert(big.end(), {0, 0, 1, 0x0C});
@@ -271,7 +281,7 @@ TEST(Mux, OversizeVideoSampleNeverReachesTheFile) {
 }
 
 // With the thread held, 200 video samples fill the ring; the 201st returns only after a write.
-TEST(Mux, FullRingBlocksUntilTheThreadHasWrittenOne) {
+TEST(Mux, AFullRingBlocksUntilTheThreadHasWrittenOne) {
     Session r(tsltest::scratchDir() + "/out.mp4");
     r.start();
     r.muxer.audioMutex.lock();  // the thread takes this one first
@@ -305,8 +315,8 @@ TEST(Mux, LoneAudioWaitsForAFullRing) {
     EXPECT_EQ("audio,300\n", probe(r.path, kCounts));
 }
 
-// The lower dts goes first, a tie to video; the file starts at the lower first head.
-TEST(Mux, WriteOrderAndTimeline) {
+// Rows: both tracks; video ahead; a single sample, then stop; no samples (header and trailer all the same).
+TEST(Mux, TheLowerDtsGoesFirstATieToVideoAndTheFileStartsAtTheLowerFirstHead) {
     const std::string dir = tsltest::scratchDir();
     const struct {
         std::vector<std::pair<int32_t, int64_t>> sent;  // track, dts
@@ -315,8 +325,8 @@ TEST(Mux, WriteOrderAndTimeline) {
         {{{kTrackVideo, 0}, {kTrackAudio, 0}, {kTrackAudio, 23}, {kTrackVideo, 40}, {kTrackAudio, 46}},
          {{1, 0}, {0, 0}, {0, 23}, {1, 40}, {0, 46}}},
         {{{kTrackVideo, 1040}, {kTrackAudio, 1000}}, {{0, 0}, {1, 40}}},
-        {{{kTrackAudio, 5000}}, {{0, 0}}},  // a single sample, then stop
-        {{}, {}},                           // no samples: header and trailer all the same
+        {{{kTrackAudio, 5000}}, {{0, 0}}},
+        {{}, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.sent.size());
@@ -329,6 +339,72 @@ TEST(Mux, WriteOrderAndTimeline) {
         for (auto [stream, dts] : c.written) (stream ? videoDts : audioDts).push_back(dts);
         EXPECT_EQ(audioDts, dtsMs(r.path, "a"));
         EXPECT_EQ(videoDts, dtsMs(r.path, "v"));
+    }
+}
+
+// The parameter sets of `file`'s video in start-code form, and the avcC record libavformat wrote.
+struct Sets {
+    std::vector<uint8_t> annexB;
+    std::vector<uint8_t> record;
+};
+
+Sets setsOf(const std::string& file) {
+    Sets sets;
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, file.c_str(), nullptr, nullptr) < 0) return sets;
+    InputFormatHolder input(raw);
+    const AVCodecParameters* par = input->streams[av_find_best_stream(raw, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0)]->codecpar;
+    sets.record.assign(par->extradata, par->extradata + par->extradata_size);
+    const AVBitStreamFilter* definition = av_bsf_get_by_name("h264_mp4toannexb");
+    AVBSFContext* made = nullptr;
+    if (av_bsf_alloc(definition, &made) < 0) return sets;
+    BitstreamFilterHolder filter(made);
+    avcodec_parameters_copy(filter->par_in, par);
+    if (av_bsf_init(filter.get()) >= 0)
+        sets.annexB.assign(filter->par_out->extradata, filter->par_out->extradata + filter->par_out->extradata_size);
+    return sets;
+}
+
+TEST(AvcRecord, IsTheRecordLibavformatWritesForEveryProfileAndLayout) {
+    // High 4:2:0, High 4:2:2 10-bit, High 4:4:4 and lossless High 4:4:4 from x264, and GStreamer's file;
+    // each stream goes through libavformat's own writer from its start-code form first.
+    const std::string dir = tsltest::scratchDir();
+    for (const char* name : {"main.mp4", "yuv422p10le.mp4", "yuv444p.mp4", "tables_gst.mp4", "large.mp4"}) {
+        const std::string stream = dir + "/" + name + ".h264", written = dir + "/" + name;
+        tsltest::run("ffmpeg -nostdin -v error -i " + tsltest::shellQuote(tsltest::media(name)) +
+                     " -map 0:v:0 -c copy -bsf:v h264_mp4toannexb -f h264 " + stream + " && ffmpeg -nostdin -v error -i " +
+                     stream + " -c copy " + written);
+        const Sets sets = setsOf(written);
+        ASSERT_FALSE(sets.annexB.empty()) << name;
+        EXPECT_EQ(avcRecord(sets.annexB.data(), sets.annexB.size()), sets.record) << name;
+    }
+}
+
+TEST(AvcRecord, NeedsASequenceAndAPictureParameterSet) {
+    const uint8_t spsOnly[] = {0, 0, 0, 1, 0x67, 0x64, 0x00, 0x1F, 0xAC};
+    EXPECT_TRUE(avcRecord(spsOnly, sizeof spsOnly).empty());
+    EXPECT_TRUE(avcRecord(nullptr, 0).empty());
+}
+
+TEST(LengthPrefixer, GivesEachUnitItsLengthWhateverItsStartCodeAndLeavesOutTrailingZeros) {
+    // A 4-byte start code, a 3-byte one after a unit that ends in a zero byte, bytes before the first
+    // start code, and a unit that holds 0x01 and 0x00 0x00 0x03 inside.
+    const uint8_t sample[] = {0xAA, 0, 0, 0, 1, 0x09, 0xF0, 0, 0, 0, 1, 0x65, 0x01, 0, 0, 3, 1, 0x88, 0,
+                              0, 0, 1, 0x41, 0x9A};
+    const uint8_t expected[] = {0, 0, 0, 2, 0x09, 0xF0, 0, 0, 0, 7, 0x65, 0x01, 0, 0, 3, 1, 0x88,
+                                0, 0, 0, 2, 0x41, 0x9A};
+    // From the pool, and from an allocation of its own when the pool's buffers are too small.
+    for (const size_t pooled : {sizeof expected, sizeof expected - 1}) {
+        LengthPrefixer prefixer(pooled);
+        PacketHolder packet(av_packet_alloc());
+        ASSERT_TRUE(prefixer.convert(sample, sizeof sample, packet.get()));
+        ASSERT_EQ(size_t(packet->size), sizeof expected);
+        EXPECT_EQ(std::memcmp(packet->data, expected, sizeof expected), 0);
+        EXPECT_NE(packet->buf, nullptr);  // reference-counted: libavformat keeps it without a copy
+        const std::vector<uint8_t> padding(packet->data + packet->size, packet->data + packet->size + 8);
+        EXPECT_EQ(padding, std::vector<uint8_t>(8, 0)) << "a decoder may read past the end";
+        ASSERT_TRUE(prefixer.convert(sample, 1, packet.get()));
+        EXPECT_EQ(packet->size, 0);
     }
 }
 

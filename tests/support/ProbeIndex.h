@@ -140,4 +140,18 @@ inline const std::string& longWalkFile() {
     return path;
 }
 
+// main.mp4's video with its AAC 44100 Hz stereo and then mono48k.mp4's AAC 48000 Hz mono: only the
+// first audio stream is indexed. Made once per test program.
+inline const std::string& twoAudioFile() {
+    static const std::string path = [] {
+        const std::string file = std::string(TSL_BUILD_DIR) + "/scratch/twoaudio-" + std::to_string(getpid()) + ".mp4";
+        std::filesystem::create_directories(std::string(TSL_BUILD_DIR) + "/scratch");
+        run("ffmpeg -nostdin -v quiet -y -i " + shellQuote(std::string(TSL_MEDIA_DIR) + "/main.mp4") + " -i " +
+            shellQuote(std::string(TSL_MEDIA_DIR) + "/mono48k.mp4") + " -map 0:v -map 0:a -map 1:a -c copy " +
+            shellQuote(file));
+        return file;
+    }();
+    return path;
+}
+
 }  // namespace tsltest

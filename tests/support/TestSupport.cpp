@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -18,7 +19,6 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
-#include "base/FFmpegHolders.h"
 
 namespace tsltest {
 
@@ -60,20 +60,8 @@ std::string md5(const uint8_t* data, size_t size) {
 std::string fileMd5(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return {};
-    const AvObjectHolder<AVMD5> holder(av_md5_alloc());
-    AVMD5* ctx = holder.get();
-    if (!ctx) return {};
-    av_md5_init(ctx);
-    std::vector<char> chunk(1 << 20);
-    while (in) {
-        in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-        av_md5_update(ctx, reinterpret_cast<const uint8_t*>(chunk.data()), static_cast<size_t>(in.gcount()));
-    }
-    uint8_t digest[16];
-    av_md5_final(ctx, digest);
-    char hex[33];
-    for (int i = 0; i < 16; ++i) snprintf(hex + 2 * i, 3, "%02x", digest[i]);
-    return hex;
+    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    return md5(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
 }
 
 std::string shellQuote(const std::string& s) {
@@ -89,6 +77,40 @@ std::vector<std::string> ffmpegFrameMd5(const std::string& path, bool keysOnly) 
     for (std::string line; std::getline(lines, line);)
         if (!line.empty() && line[0] != '#') md5s.push_back(line.substr(line.rfind(',') + 2));
     return md5s;
+}
+
+std::string probe(const std::string& path, const std::string& args, int* status) {
+    return run("ffprobe -v error " + args + " -of csv=p=0 " + shellQuote(path), status);
+}
+
+Decoded decodePictures(const std::string& path) {
+    Decoded d;
+    const std::string size = probe(path, "-select_streams v:0 -show_entries stream=width,height");
+    const size_t bytes = size_t(std::stoi(size)) * size_t(std::stoi(size.substr(size.find(',') + 1))) * 3 / 2;
+    const std::string raw = run("ffmpeg -nostdin -v error -noautorotate -i " + shellQuote(path) +
+                                " -map 0:v:0 -fps_mode passthrough -pix_fmt yuv420p -f rawvideo -");
+    for (size_t at = 0; at + bytes <= raw.size(); at += bytes) d.pictures.push_back(raw.substr(at, bytes));
+    std::istringstream times(probe(path, "-select_streams v:0 -show_entries frame=pts_time"));
+    for (std::string t; std::getline(times, t);)
+        if (!t.empty() && t[0] != ',') d.pts.push_back(std::llround(std::stod(t) * 1000));  // side data adds lines
+    return d;
+}
+
+size_t shownAt(const std::vector<int64_t>& pts, int64_t ms) {
+    size_t at = 0;
+    for (size_t i = 0; i < pts.size(); ++i)
+        if (pts[i] <= ms) at = i;
+    return at;
+}
+
+double psnr(const std::string& a, const std::string& b) {
+    if (a.size() != b.size() || a.empty()) return 0;
+    double sum = 0;
+    for (size_t i = 0; i < a.size(); ++i) {
+        const double diff = double(uint8_t(a[i])) - double(uint8_t(b[i]));
+        sum += diff * diff;
+    }
+    return sum == 0 ? INFINITY : 10 * std::log10(255.0 * 255.0 * double(a.size()) / sum);
 }
 
 std::string decodeErrors(const std::string& path) {

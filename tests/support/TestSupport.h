@@ -22,9 +22,22 @@ std::string fileMd5(const std::string& path);
 std::string md5(const uint8_t* data, size_t size);
 // Quotes a string for the shell.
 std::string shellQuote(const std::string& s);
+// ffprobe's comma-separated account of what `args` select in `path`, without section names.
+std::string probe(const std::string& path, const std::string& args, int* status = nullptr);
 // ffmpeg's MD5 of each I420 picture of the first video stream, in presentation
 // order; with `keysOnly`, of the key pictures alone.
 std::vector<std::string> ffmpegFrameMd5(const std::string& path, bool keysOnly);
+// The pictures of the first video stream as ffmpeg decodes them (8-bit 4:2:0, as stored, not turned),
+// in presentation order, with the time of each in ms.
+struct Decoded {
+    std::vector<int64_t> pts;
+    std::vector<std::string> pictures;
+};
+Decoded decodePictures(const std::string& path);
+// Index of the picture shown at `ms`: the last one that starts at or before it.
+size_t shownAt(const std::vector<int64_t>& pts, int64_t ms);
+// Peak signal-to-noise ratio of two pictures of the same size, in dB; infinite when equal.
+double psnr(const std::string& a, const std::string& b);
 // What ffmpeg reports while decoding the whole file: empty when it decodes cleanly.
 std::string decodeErrors(const std::string& path);
 // Threads of this process now.
