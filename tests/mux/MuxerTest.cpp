@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <vector>
 #include <filesystem>
 #include <functional>
 #include <mutex>
 #include <regex>
 #include <sstream>
+#include <vector>
 #include <thread>
 
 #include "FixtureSamples.h"
