@@ -171,19 +171,24 @@ bool RangeCutter::refill() {
     // from the buffer only for a copied stretch still to come.
     const bool videoReads =
         !videoFinished && (!job.exact || (job.exact->plan().copies && phase != Phase::Tail));
-    int64_t nextPos;
-    if (!videoReads) {
-        if (audioFinished) return false;  // neither side has anything left to read
-        nextPos = job.audio[audioIndex]->position;
-    } else if (audioFinished) {
-        nextPos = videoRecord().position;
-    } else {
-        nextPos = std::min(job.audio[audioIndex]->position, videoRecord().position);
-    }
+    if (!videoReads && audioFinished) return false;  // neither side has anything left to read
+    const FrameRecord* audio = audioFinished ? nullptr : job.audio[audioIndex];
+    const FrameRecord* video = videoReads ? &videoRecord() : nullptr;
+    const int64_t nextPos = !video ? audio->position
+                            : !audio ? video->position
+                                     : std::min(audio->position, video->position);
     // A next sample beyond what is held (the tracks are stored too far apart
     // for the buffer), or below it (a track whose positions fall), fails the
     // cut here.
-    return window.keepFrom(nextPos);
+    if (!window.keepFrom(nextPos)) return false;
+    // Both sides' next samples are read in when one buffer can hold them, so
+    // that the pass takes the tracks by their clocks even where the file
+    // stores them seconds apart.
+    const int64_t farEnd = std::max(audio ? audio->position + audio->size : 0,
+                                    video ? video->position + video->size : 0);
+    while (farEnd >= window.bufferEnd && farEnd - nextPos < kReadBufferSize)
+        if (!window.keepFrom(nextPos)) break;  // the file ends first: the pass finds out
+    return true;
 }
 
 // The side that is behind on its clock goes first; with the clocks equal,

@@ -28,7 +28,8 @@ TEST(RealCut, IsDoneOnceAndTheOutputHoldsWhatTheIndexPredicts) {
                  {"main.mov", "one.mov", {{1500, 2500}}},
                  {"main.mp4", "several.mov", {{300, 1000}, {2000, 3000}, {3100, 4000}}},
                  {"main.mov", "several.mp4", {{0, 900}, {2000, 3000}, {4000, 4500}}},
-                 {"large.mp4", "large.mp4", {{0, 2900}}}};  // over the 20 MiB read buffer
+                 {"large.mp4", "large.mp4", {{0, 2900}}},  // over the 20 MiB read buffer
+                 {"coarse.mp4", "coarse.mp4", {{500, 2500}, {3000, 6000}}}};  // tracks 3 s apart in the file
     const std::string dir = scratchDir();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.output);

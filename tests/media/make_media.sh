@@ -146,6 +146,14 @@ gst() {  # gst MUXER OUTPUT
 }
 make tables_gst.mp4 gst mp4mux
 make tables_gst.mov gst qtmux
+# Tracks stored 3 s apart by GStreamer's mp4mux: a cut needs samples the better part of 1 MB apart at once.
+make coarse_source.mp4 ff $(video 640x360 6) $(tone 44100 6) $x264 -b:v 4M -c:a aac -ac 2 -shortest
+coarse() {  # coarse OUTPUT
+  local unbounded="queue max-size-buffers=0 max-size-bytes=0 max-size-time=0"
+  gst-launch-1.0 -q filesrc location=coarse_source.mp4 ! qtdemux name=d mp4mux name=mux interleave-time=3000000000 \
+    ! filesink location="$1" d.video_0 ! $unbounded ! mux.video_0 d.audio_0 ! $unbounded ! mux.audio_0
+}
+make coarse.mp4 coarse
 # Not MP4 at all: MPEG-TS (video only: AAC in MPEG-TS has a 90 kHz time base and is refused).
 make tables_ts.ts ff -i noaudio.mp4 -c copy
 
