@@ -279,8 +279,16 @@ int32_t MPEG4FileMuxer::WriteSampleData(const uint8_t* data, int32_t size, int32
     // A writer that has failed drains nothing more into the file: waiting for
     // room would hold the caller until stop, so it is told at once.
     room.wait(lock, [&] { return queue.count < queue.capacity || fileFailed.load(); });
+    if (fileFailed.load()) return kErrFileIo;
     // push's refusal (oversize or null bytes) is passed on: it names the reason.
-    return fileFailed.load() ? kErrFileIo : queue.push(&buffer);
+    const int32_t result = queue.push(&buffer);
+    lock.unlock();
+    {
+        std::lock_guard<std::mutex> count(pushMutex);
+        pushCount.fetch_add(1);
+    }
+    pushed.notify_one();
+    return result;
 }
 
 int32_t MPEG4FileMuxer::stop() {

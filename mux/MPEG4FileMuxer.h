@@ -65,9 +65,14 @@ public:
     // Each guards its track's ring; the writing thread takes audio's first.
     std::mutex audioMutex;
     std::mutex videoMutex;
-    // Signalled when the writing thread has freed an element of the ring.
+    // Signalled when the writing thread has freed elements of the ring.
     std::condition_variable audioRoom;
     std::condition_variable videoRoom;
+    // Samples pushed so far, counted under pushMutex; `pushed` is signalled
+    // at each, for a writing thread that found nothing to write.
+    std::mutex pushMutex;
+    std::condition_variable pushed;
+    std::atomic<uint64_t> pushCount{0};
     BaseBufferQueue videoQueue;
     BaseBufferQueue audioQueue;
     const char* outputPath = nullptr;

@@ -1,12 +1,13 @@
 #include "mux/MPEG4MuxerThread.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "base/Log.h"
 #include "mux/MPEG4FileMuxer.h"
-#include "platform/Sleep.h"
 
 extern "C" {
 #include <libavutil/mathematics.h>
@@ -51,6 +52,7 @@ void MPEG4MuxerThread::run() {
     writeCounter = 0;
 
     for (;;) {
+        const uint64_t pushesBefore = owner->pushCount.load();
         bool wrote = false;
         bool end;
         if (owner->hasAudio && owner->hasVideo)
@@ -59,8 +61,9 @@ void MPEG4MuxerThread::run() {
             end = turnOneTrack(owner->hasVideo ? kTrackVideo : kTrackAudio, &wrote);
         if (end) break;
         // A turn that wrote goes straight on: the pause is only for an idle
-        // turn, so that writing is limited by the file and not by sleeping.
-        if (!wrote) Sleep(1);
+        // turn, so that writing is limited by the file and not by sleeping,
+        // and it ends with the next push.
+        if (!wrote) waitForPush(pushesBefore);
     }
 
     audioScratch = BaseBuffer();
@@ -72,6 +75,13 @@ void MPEG4MuxerThread::run() {
 
     finishFile();
     if (owner->notify) owner->notify->onMuxComplete();
+}
+
+void MPEG4MuxerThread::waitForPush(uint64_t pushesBefore) {
+    // A push made since the turn began is in the rings already: no wait.
+    std::unique_lock<std::mutex> lock(owner->pushMutex);
+    owner->pushed.wait_for(lock, std::chrono::milliseconds(1),
+                           [&] { return owner->pushCount.load() != pushesBefore; });
 }
 
 void MPEG4MuxerThread::finishFile() {

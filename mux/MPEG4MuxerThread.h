@@ -49,6 +49,9 @@ private:
     // Marks the file failed and wakes callers waiting for room; the caller
     // holds the ring mutexes of the turn.
     void fail();
+    // After a turn that wrote nothing: up to 1 ms, or until a sample is
+    // pushed that was not yet pushed when the turn began.
+    void waitForPush(uint64_t pushesBefore);
     // Trailer and close, each result looked at.
     void finishFile();
 
