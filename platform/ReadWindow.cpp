@@ -32,12 +32,7 @@ bool ReadWindow::bring(int64_t position, int32_t size) {
     // than feed bytes that are not the sample's.
     if (position < 0 || size < 0 || size > kReadBufferSize) return false;
     if (position > bufferEnd) {
-        const int64_t gap = position - bufferEnd;
-        // A gap past one 32-bit move is made absolutely, in steps.
-        if (!(gap <= INT32_MAX ? moveFilePointer(file, static_cast<int32_t>(gap), MoveFrom::Current)
-                               : moveTo(file, position)))
-            return false;
-        restartAt(position);
+        if (!skipTo(position)) return false;
     } else if (position < start()) {
         // Samples lie at ascending positions; one that does not is read
         // again from its own place instead of from before the buffer.
@@ -58,11 +53,7 @@ bool ReadWindow::keepFrom(int64_t position) {
     if (position > bufferEnd) {
         // Bytes of no interest lie between: stepped over, as far as one
         // whole buffer read from the bytes held would have reached.
-        if (position - start() > kReadBufferSize ||
-            !moveFilePointer(file, static_cast<int32_t>(position - bufferEnd), MoveFrom::Current))
-            return false;
-        restartAt(position);
-        return readOn(kReadStep);
+        return position - start() <= kReadBufferSize && skipTo(position) && readOn(kReadStep);
     }
     const int64_t keep = bufferEnd - position;
     // A short tail moves at once, so the bytes in use stay in the buffer's
@@ -73,6 +64,16 @@ bool ReadWindow::keepFrom(int64_t position) {
         bufferBytes = static_cast<int32_t>(keep);
     }
     return readOn(kReadStep);
+}
+
+bool ReadWindow::skipTo(int64_t position) {
+    const int64_t gap = position - bufferEnd;
+    // A gap past one 32-bit move is made absolutely, in steps.
+    if (!(gap <= INT32_MAX ? moveFilePointer(file, static_cast<int32_t>(gap), MoveFrom::Current)
+                           : moveTo(file, position)))
+        return false;
+    restartAt(position);
+    return true;
 }
 
 void ReadWindow::restartAt(int64_t position) {

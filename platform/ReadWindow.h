@@ -56,6 +56,9 @@ struct ReadWindow {
     bool keepFrom(int64_t position);
 
 private:
+    // Moves the file forward to `position`, past the bytes held, and
+    // empties the buffer there.
+    bool skipTo(int64_t position);
     // Empties the buffer at `position`, where the file stands now.
     void restartAt(int64_t position);
     // Reads up to `length` bytes behind those held, as many as fit; false
