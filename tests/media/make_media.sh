@@ -178,4 +178,20 @@ make longgop.mp4 ff -f lavfi -i testsrc2=size=192x108:rate=25:duration=12 $(tone
 make interlaced.mp4 ff -f lavfi -i testsrc2=size=160x128:rate=25:duration=3 $(tone 44100 3) -c:v libx264 -preset veryfast \
   -flags +ildct+ilme -x264-params tff=1 -g 50 -pix_fmt yuv420p -c:a aac -ac 2 -shortest
 
+# Shapes the walk and the refusals meet in the field, made from the fixtures above.
+# An MPEG-TS that starts inside a group: its video before the first key packet is dropped.
+midgop() { ff -i noaudio.mp4 -c copy -f mpegts - | tail -c +$((188 * 120 + 1)) > "$1"; }
+make midgop.ts midgop
+# Every key packet dropped: nothing to index.
+make nokeys.mp4 ff -i main.mp4 -c copy -bsf:v noise=drop=key
+# Two audio streams, AAC 44100 Hz stereo then 48000 Hz mono: only the first is indexed.
+make twoaudio.mp4 ff -i main.mp4 -i mono48k.mp4 -map 0:v -map 0:a -map 1:a -c copy
+# AAC then MP3: every audio stream must pass, not only the first.
+make aac_mp3.mp4 ff -i main.mp4 -map 0:v -map 0:a -map 0:a -c:v copy -c:a:0 copy -c:a:1 libmp3lame
+# AAC in MPEG-TS, its 44100 Hz counted in 1/90000.
+make main.ts ff -i main.mp4 -c copy
+# Many small packets, so that a walk lasts long enough to be interrupted: five minutes of 64x48 at 50 fps.
+make long_walk.mp4 ff -f lavfi -i testsrc2=size=64x48:rate=50:duration=300 -c:v libx264 -preset ultrafast -bf 2 -g 25 \
+  -pix_fmt yuv420p
+
 touch .complete
