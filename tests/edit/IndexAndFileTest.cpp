@@ -15,56 +15,46 @@ using Morvel_Tessalo::FileEditer;
 
 namespace {
 
-TEST(FindKeyGroup, AnEqualPtsSelectsTheGroupBeforeAndTheLastGroupNeedsALaterFrame) {
-    // Key frames at 0, 2000 and 4000, decode order; the last group ends on 5920 though it shows 5960.
-    std::vector<FrameRecord> records;  // complete before the groups point into it
-    for (int64_t pts : {0, 120, 40, 80, 2000, 2120, 2040, 4000, 4120, 4040, 5960, 5920})
-        records.push_back({uint8_t(pts % 2000 == 0), 10, pts, pts, 0});
-    FrameGroup store[3];
-    std::vector<FrameGroup*> groups;
-    for (FrameRecord& r : records) {
-        if (r.isKey) groups.push_back(&store[groups.size()]);
-        groups.back()->push_back(&r);
-    }
-    const struct { int64_t pts; bool found; int32_t group; } cases[] = {
-        {-500, true, 0}, {0, true, 0},    {1, true, 0},      {2000, true, 0},   {2001, true, 1},
-        {4000, true, 1}, {4001, true, 2}, {5919, true, 2}, {5920, false, 0}, {5940, false, 0}};
-    for (const auto& c : cases) {
-        int32_t group = -1;
-        EXPECT_EQ(FileEditer::findKeyGroup(groups, c.pts, &group), c.found) << c.pts;
-        EXPECT_TRUE(!c.found || group == c.group) << c.pts << " gave group " << group;
-    }
-    int32_t group = -1;
-    EXPECT_FALSE(FileEditer::findKeyGroup({}, 0, &group));
-}
-
 // An index of made-up groups: each record is {pts, dts}; the first of a group is its key frame.
 struct MadeUpIndex {
     MadeUpIndex(std::initializer_list<std::initializer_list<std::pair<int64_t, int64_t>>> layout) {
         for (const auto& group : layout) {
-            owned.emplace_back();
+            groups.push_back(&owned.emplace_back());
             for (const auto& [pts, dts] : group) {
-                records.push_back(FrameRecord{uint8_t(owned.back().empty()), 100, pts, dts, 0});
-                owned.back().push_back(&records.back());
+                records.push_back(FrameRecord{uint8_t(groups.back()->empty()), 100, pts, dts, 0});
+                groups.back()->push_back(&records.back());
             }
         }
-        for (FrameGroup& group : owned) groups.push_back(&group);
     }
     std::deque<FrameRecord> records;
     std::deque<FrameGroup> owned;
     std::vector<FrameGroup*> groups;
 };
 
+TEST(FindKeyGroup, AnEqualPtsSelectsTheGroupBeforeAndTheLastGroupNeedsALaterFrame) {
+    // Key frames at 0, 2000 and 4000; the last group ends on 5920 though it shows 5960.
+    const MadeUpIndex index{{{0, 0}, {120, 1}, {40, 2}, {80, 3}}, {{2000, 4}, {2120, 5}, {2040, 6}},
+                            {{4000, 7}, {4120, 8}, {4040, 9}, {5960, 10}, {5920, 11}}};
+    // The group that opens a range starting at a pts; -1 where none does.
+    const std::pair<int64_t, int32_t> cases[] = {{-500, 0}, {0, 0},    {1, 0},    {2000, 0},  {2001, 1},
+                                                 {4000, 1}, {4001, 2}, {5919, 2}, {5920, -1}, {5940, -1}};
+    int32_t group = -1;
+    for (const auto& [pts, expected] : cases)
+        EXPECT_EQ(FileEditer::findKeyGroup(index.groups, pts, &group) ? group : -1, expected) << pts;
+    EXPECT_FALSE(FileEditer::findKeyGroup({}, 0, &group));
+}
+
 const auto everyKeyIsIdr = [](size_t) { return true; };
 
-// Two closed groups: I0 P3 B1 B2 P6 B4 B5, then I7 P10 B8 B9.
-MadeUpIndex twoGroups() {
-    return {{{0, -2}, {3, -1}, {1, 0}, {2, 1}, {6, 2}, {4, 3}, {5, 4}}, {{7, 5}, {10, 6}, {8, 7}, {9, 8}}};
+// A range planned on two closed groups: I0 P3 B1 B2 P6 B4 B5, then I7 P10 B8 B9.
+ExactPlan planTwoGroups(const EditRange& range, const std::function<bool(size_t)>& isIdr = everyKeyIsIdr) {
+    const MadeUpIndex index{{{0, -2}, {3, -1}, {1, 0}, {2, 1}, {6, 2}, {4, 3}, {5, 4}},
+                            {{7, 5}, {10, 6}, {8, 7}, {9, 8}}};
+    return planExactRange(index.groups, range, isIdr, 1);
 }
 
 TEST(ExactPlan, MakesTheHeadCopiesFromTheFirstIdrKeyInsideAndMakesTheTailPastTheLastCleanPoint) {
-    const MadeUpIndex index = twoGroups();
-    const ExactPlan plan = planExactRange(index.groups, {2, 8}, everyKeyIsIdr, 1);
+    const ExactPlan plan = planTwoGroups({2, 8});
     EXPECT_EQ(plan.head, (std::vector<int64_t>{2, 3, 4, 5, 6}));
     EXPECT_EQ(plan.headFrom, 0u);
     ASSERT_TRUE(plan.copies);
@@ -77,8 +67,7 @@ TEST(ExactPlan, MakesTheHeadCopiesFromTheFirstIdrKeyInsideAndMakesTheTailPastThe
 }
 
 TEST(ExactPlan, CopiesARangeFromAKeyFrameToACleanEndWhole) {
-    const MadeUpIndex index = twoGroups();
-    const ExactPlan plan = planExactRange(index.groups, {0, 6}, everyKeyIsIdr, 1);
+    const ExactPlan plan = planTwoGroups({0, 6});
     EXPECT_TRUE(plan.head.empty());
     EXPECT_TRUE(plan.tail.empty());
     EXPECT_EQ(plan.copyEnd, (IndexPlace{1, 0}));
@@ -94,15 +83,14 @@ TEST(ExactPlan, GivesUpCopiedPicturesShownAfterOnesItMustMake) {
 }
 
 TEST(ExactPlan, MakesWholeARangeWithoutAnIdrKeyInsideAndDecodesItFromTheLastIdrBefore) {
-    const MadeUpIndex index = twoGroups();
-    const ExactPlan plan = planExactRange(index.groups, {8, 9}, [](size_t g) { return g == 0; }, 1);
+    const ExactPlan plan = planTwoGroups({8, 9}, [](size_t g) { return g == 0; });
     EXPECT_FALSE(plan.copies);
     EXPECT_EQ(plan.head, (std::vector<int64_t>{8, 9}));
     EXPECT_EQ(plan.headFrom, 0u);
 }
 
 TEST(ExactPlan, ARangePastEveryPictureShowsNothing) {
-    EXPECT_FALSE(planExactRange(twoGroups().groups, {20, 30}, everyKeyIsIdr, 1).shows);
+    EXPECT_FALSE(planTwoGroups({20, 30}).shows);
 }
 
 // Length-prefixed units of the given sizes (unit i filled with i + 1), and their start-code form.
