@@ -1,14 +1,14 @@
 #pragma once
-// An instance as a host drives it for real cuts: it walks the file, then runs
-// cut jobs to their end event, taking the offsets report inside the done
-// event as a host does.
-#include <vector>
-
+// An instance as a host drives it for real cuts: it walks the file, then runs cut jobs to their end event,
+// taking the offsets report inside the done event as a host does.
 #include "edit/FileEditer.h"
 #include "instance/TessaloImpl.h"
 #include "support/TestSupport.h"
 
 struct RealHost {
+    RealHost() = default;
+    // Walks `src` at once; a walk that fails shows in the cut that follows, refused without an index.
+    explicit RealHost(const std::string& src) { index(src); }
     static int32_t callback(void* user, int32_t event) {
         auto* self = static_cast<RealHost*>(user);
         std::vector<EditOffset> got(self->asked);
