@@ -17,8 +17,7 @@ struct Sample {
     std::vector<uint8_t> bytes;
     BaseBuffer buffer;
     Sample(int32_t size, int64_t n)
-        : bytes(static_cast<size_t>(size), static_cast<uint8_t>(n)),
-          buffer(bytes.data(), size, n, 0x40000100u + static_cast<uint32_t>(n), n - 7) {}
+        : bytes(size_t(size), uint8_t(n)), buffer(bytes.data(), size, n, 0x40000100u + uint32_t(n), n - 7) {}
 };
 
 TEST(BaseBufferQueue, RefusalsLeaveTheRingUntouched) {
@@ -34,10 +33,8 @@ TEST(BaseBufferQueue, RefusalsLeaveTheRingUntouched) {
     EXPECT_TRUE(ring.writeIndex == 0 && ring.readIndex == 0 && ring.count == 3);
     uint8_t block[16];
     BaseBuffer out(block, 0, 0, 0, 0);
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(ring.pop(&out), kOk);
-        EXPECT_TRUE(out.pts == 1 && block[15] == 1) << "slot " << i << " written by a refused push";
-    }
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(ring.pop(&out) == kOk && out.pts == 1 && block[15] == 1) << "slot " << i << " lost or overwritten";
     // Empty: a null target is refused before the emptiness, and a refused pop leaves the target alone.
     std::memset(block, 0x5A, sizeof block);
     BaseBuffer kept(block, 99, 98, 97, 96), nullData;
@@ -47,32 +44,26 @@ TEST(BaseBufferQueue, RefusalsLeaveTheRingUntouched) {
     EXPECT_TRUE(kept.size == 99 && kept.pts == 98 && kept.flags == 97u && kept.dts == 96 && block[0] == 0x5A);
 }
 
+// Three in, three out, nine times: the indices go round the ring of four several times.
 TEST(BaseBufferQueue, FirstInFirstOutAcrossTheWrapWithFieldsIntact) {
-    const int32_t capacity = 4;
-    BaseBufferQueue ring(1, capacity);
+    BaseBufferQueue ring(1, 4);
     ASSERT_EQ(ring.allocBuffers(32), kOk);
-    uint8_t block[32];
-    int64_t nextIn = 0, nextOut = 0;
-    // Three in, three out: the indices go round the ring several times.
-    for (int round = 0; round < 9; ++round) {
-        for (int i = 0; i < 3; ++i, ++nextIn) {
-            Sample s(static_cast<int32_t>(1 + nextIn % 32), nextIn);
-            ASSERT_EQ(ring.push(&s.buffer), kOk) << nextIn;
-        }
-        for (int i = 0; i < 3; ++i, ++nextOut) {
-            std::memset(block, 0xEE, sizeof block);
-            BaseBuffer out(block, 0, 0, 0, 0);
+    for (int64_t n = 0; n < 27; ++n) {
+        Sample in(int32_t(1 + n % 32), n);
+        ASSERT_EQ(ring.push(&in.buffer), kOk) << n;
+        for (int64_t m = n - 2; n % 3 == 2 && m <= n; ++m) {
+            const Sample want(int32_t(1 + m % 32), m);
+            std::vector<uint8_t> block(32, 0xEE), expected = want.bytes;
+            expected.resize(block.size(), 0xEE);  // nothing copied past the sample
+            BaseBuffer out(block.data(), 0, 0, 0, 0);
             ASSERT_EQ(ring.pop(&out), kOk);
-            EXPECT_EQ(out.data, block);  // the caller's pointer stays
-            EXPECT_EQ(out.size, 1 + nextOut % 32);
-            EXPECT_TRUE(out.pts == nextOut && out.dts == nextOut - 7) << nextOut;
-            EXPECT_EQ(out.flags, 0x40000100u + static_cast<uint32_t>(nextOut));
-            for (int32_t b = 0; b < out.size; ++b) ASSERT_EQ(block[b], static_cast<uint8_t>(nextOut));
-            EXPECT_TRUE(out.size == 32 || block[out.size] == 0xEE) << "copied past the sample";
+            EXPECT_EQ(out.data, block.data());  // the caller's pointer stays
+            EXPECT_TRUE(out.size == want.buffer.size && out.pts == m && out.dts == m - 7 &&
+                        out.flags == want.buffer.flags) << m;
+            EXPECT_EQ(block, expected) << m;
         }
     }
-    EXPECT_EQ(ring.count, 0);
-    EXPECT_TRUE(ring.readIndex == ring.writeIndex && ring.readIndex == (9 * 3) % capacity);
+    EXPECT_TRUE(ring.count == 0 && ring.readIndex == ring.writeIndex && ring.readIndex == 27 % 4);
 }
 
 class CountingThread : public BaseThread {

@@ -4,14 +4,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <mutex>
 #include <regex>
 #include <sstream>
-#include <vector>
 #include <thread>
+#include <vector>
 
 #include "FixtureSamples.h"
 #include "base/Results.h"
@@ -34,12 +33,14 @@ std::string printed(const std::function<void()>& call) {
     return testing::internal::GetCapturedStdout();
 }
 
-std::vector<int64_t> dtsMs(const std::string& path, const std::string& stream) {
+// `entry` of each packet of `stream`, in ms.
+std::vector<int64_t> timesMs(const std::string& path, const std::string& stream, const char* entry = "dts_time") {
     int status = -1;
-    std::istringstream in(probe(path, "-select_streams " + stream + " -show_entries packet=dts_time", &status));
+    std::istringstream in(probe(path, "-select_streams " + stream + " -show_entries packet=" + entry, &status));
     EXPECT_EQ(0, status);  // the file opens
     std::vector<int64_t> out;
-    for (std::string line; std::getline(in, line);) out.push_back(std::llround(std::stod(line) * 1000));
+    for (std::string line; std::getline(in, line);)  // side data adds lines
+        if (!line.empty() && line[0] != ',') out.push_back(std::llround(std::stod(line) * 1000));
     return out;
 }
 
@@ -67,13 +68,11 @@ struct Session : FileMuxerNotify {
         setMuxWriteObserver(&Session::observe, this);
     }
     ~Session() { setMuxWriteObserver(nullptr, nullptr); }
-    void start(bool audio = true, bool video = true) {
+    void start(bool audio = true) {
         AudioTrackInfo audioInfo = clip.audioInfo();
         VideoTrackInfo videoInfo = clip.videoInfo();
-        ASSERT_EQ(kOk, muxer.setOutputFile(path.c_str()));
-        ASSERT_EQ(kOk, audio ? muxer.addAudioTrack(&audioInfo) : kOk);
-        ASSERT_EQ(kOk, video ? muxer.addVideoTrack(&videoInfo) : kOk);
-        ASSERT_EQ(kOk, muxer.start());
+        ASSERT_TRUE(muxer.setOutputFile(path.c_str()) == kOk && (!audio || muxer.addAudioTrack(&audioInfo) == kOk) &&
+                    muxer.addVideoTrack(&videoInfo) == kOk && muxer.start() == kOk);
     }
     // The n-th real sample of a track, sent at `dts`.
     int32_t send(int32_t track, int64_t dts, size_t n = 0) {
@@ -121,39 +120,50 @@ TEST(FileMuxerBase, ACallOutOfItsStateIsRefusedAndSaysSo) {
         EXPECT_EQ(text, printed([&] { EXPECT_EQ(result, call()); }));
         EXPECT_EQ(state, m.state);
     };
-    const auto start = [&] { return m.start(); };
-    const auto stop = [&] { return m.stop(); };
     const auto write = [&] { return m.WriteSampleData(&byte, 1, kTrackVideo, 0, 0, 0); };
-    step("start() is called in invalid state 0", kErrInvalidState, 0, start);
+    step("start() is called in invalid state 0", kErrInvalidState, 0, [&] { return m.start(); });
     m.state = 1;
-    step("stop() is called in invalid state 1", kErrInvalidState, 1, stop);
+    step("stop() is called in invalid state 1", kErrInvalidState, 1, [&] { return m.stop(); });
     step("WriteSampleData() is called in invalid state 1", kErrInvalidState, 1, write);
     step("", kOk, 1, [&] { return m.setOutputFile("x.mp4") | m.addAudioTrack(&audio) | m.addVideoTrack(&video); });
-    step("", kOk, 2, start);
+    step("", kOk, 2, [&] { return m.start(); });
     step("", kOk, 2, write);
-    step("start() is called in invalid state 2", kErrInvalidState, 2, start);
+    step("start() is called in invalid state 2", kErrInvalidState, 2, [&] { return m.start(); });
     step("addVideoTrack() must be called after constructor and before start().\n", kErrInvalidState, 2,
          [&] { return m.addVideoTrack(&video); });
     step("addAudioTrack() must be called after constructor and before start().", kErrInvalidState, 2,
          [&] { return m.addAudioTrack(&audio); });
-    step("", kOk, 3, stop);
-    step("stop() is called in invalid state 3", kErrInvalidState, 3, stop);
+    step("", kOk, 3, [&] { return m.stop(); });
+    step("stop() is called in invalid state 3", kErrInvalidState, 3, [&] { return m.stop(); });
 }
 
-// All of main.mp4 into each container a name picks, directly or by its last three bytes.
-TEST(Mux, TheWholeFixtureGoesIntoEachContainerItsNamePicks) {
+// All of main.mp4 into each container a name picks, directly or by its last three bytes. The whole file is moved
+// so that the lower first dts of the tracks is 0; told to keep its times, the writer moves nothing: the first
+// picture shows at its own pts (0), decoded at a negative dts, and each track starts where it was sent (the
+// clip's audio at -23 ms).
+TEST(Mux, TheWholeFixtureGoesIntoEachContainerItsNamePicksAtShiftedOrKeptTimes) {
     const std::string dir = tsltest::scratchDir(), source = tsltest::media("main.mp4");
     const std::string counts = probe(source, kCounts + std::string(" -select_streams a")) +
                                probe(source, kCounts + std::string(" -select_streams v"));
     const std::string keys = keyFlags(source, 0);
     ASSERT_TRUE(keys.find('K') != std::string::npos && keys.find('_') != std::string::npos);
+    // The first video pts and dts and the first audio pts, in ms: the source's are the clip's.
+    const auto heads = [](const std::string& path) {
+        return std::vector<int64_t>{timesMs(path, "v", "pts_time").at(0), timesMs(path, "v").at(0),
+                                    timesMs(path, "a", "pts_time").at(0)};
+    };
+    const std::vector<int64_t> kept = heads(source);
+    ASSERT_TRUE(kept[0] == 0 && kept[1] < 0);  // B-frames
     const struct {
         const char *name, *printed, *format;
-    } cases[] = {{"out.mp4", "", "mp4"}, {"out.mov", "", "mov"}, {"out.3gp", "", "3gp"},
-                 {"out_mp4", kDeduceFailed, "mp4"}, {"out.xmov", kDeduceFailed, "mov"}};
+        bool keepTimes;
+    } cases[] = {{"out.mp4", "", "mp4", false}, {"out.mov", "", "mov", false}, {"out.3gp", "", "3gp", false},
+                 {"out_mp4", kDeduceFailed, "mp4", false}, {"out.xmov", kDeduceFailed, "mov", false},
+                 {"kept.mp4", "", "mp4", true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Session r(dir + "/" + c.name);
+        r.muxer.shiftToZero = !c.keepTimes;
         EXPECT_EQ(c.printed, printed([&] { r.start(); }));
         EXPECT_STREQ(c.format, r.muxer.outputFormat ? r.muxer.outputFormat->name : "");
         for (const muxfixture::Sample& s : r.clip.samples)
@@ -163,22 +173,24 @@ TEST(Mux, TheWholeFixtureGoesIntoEachContainerItsNamePicks) {
         EXPECT_EQ(tsltest::decodeErrors(r.path), "");
         EXPECT_EQ(counts, probe(r.path, kCounts));
         EXPECT_EQ(keys, keyFlags(r.path, 1));
+        const int64_t shift = c.keepTimes ? 0 : -std::min(kept[1], kept[2]);  // audio's dts is its pts
+        EXPECT_EQ(heads(r.path), (std::vector<int64_t>{kept[0] + shift, kept[1] + shift, kept[2] + shift}));
     }
 }
 
-TEST(Mux, ANameThatPicksNoContainerIsRefusedAndNothingIsWritten) {
+// Refused before anything is written: a name that picks no container (the fallback is exact and in lower case),
+// tracks of another codec or sample size, and a start without a track (which leaves state 3 and tells the owner
+// nothing).
+TEST(Mux, ASetUpItCannotWriteIsRefusedBeforeAnyHeader) {
     const std::string dir = tsltest::scratchDir();
-    for (const char* name : {"a.xyz", "a_MP4"}) {  // the fallback is exact and in lower case
+    for (const char* name : {"a.xyz", "a_MP4"}) {
         MPEG4FileMuxer muxer;
         const std::string bad = dir + "/" + name;
         EXPECT_EQ(std::string(kDeduceFailed) + "unsupported file format!",
                   printed([&] { EXPECT_EQ(kErrUnsupported, muxer.setOutputFile(bad.c_str())); }));
         EXPECT_FALSE(std::filesystem::exists(bad));
     }
-}
-
-TEST(Mux, ATrackOfAnotherCodecOrSampleSizeIsRefused) {
-    Session r(tsltest::scratchDir() + "/out.mp4");
+    Session r(dir + "/out.mp4");
     ASSERT_EQ(kOk, r.muxer.setOutputFile(r.path.c_str()));
     VideoTrackInfo video = r.clip.videoInfo();
     AudioTrackInfo audio = r.clip.audioInfo();
@@ -188,12 +200,6 @@ TEST(Mux, ATrackOfAnotherCodecOrSampleSizeIsRefused) {
     audio.codecType = 1;
     audio.sampleBits = 24;
     EXPECT_EQ(kErrInvalidArgument, r.muxer.addAudioTrack(&audio));
-}
-
-// No track: start refuses before any header and leaves state 3, and the owner is told nothing.
-TEST(Mux, AStartWithoutATrackIsRefusedBeforeAnyHeader) {
-    Session r(tsltest::scratchDir() + "/out.mp4");
-    ASSERT_EQ(kOk, r.muxer.setOutputFile(r.path.c_str()));
     EXPECT_EQ("", printed([&] { EXPECT_EQ(kErrInvalidState, r.muxer.start()); }));
     EXPECT_EQ(3, r.muxer.state);
     EXPECT_EQ(0u, std::filesystem::file_size(r.path));
@@ -216,45 +222,17 @@ TEST(Mux, ALowerDtsIsRefusedWhileTheTracksLastIsAboveZero) {
     EXPECT_EQ(2, std::count_if(log.begin(), log.end(), [](const Written& w) { return w.first == kTrackVideo; }));
 }
 
-// Told to keep its times, the writer moves nothing: the first picture shows at its own pts (0), decoded at a
-// negative dts, and each track starts where it was sent (the clip's audio at -23 ms).
-TEST(Mux, KeptTimesAreTheFilesOwn) {
-    Session r(tsltest::scratchDir() + "/out.mp4");
-    r.muxer.shiftToZero = false;
-    r.start();
-    int64_t first[2] = {kTimestampUnset, kTimestampUnset}, videoDts = kTimestampUnset;
-    for (const muxfixture::Sample& s : r.clip.samples) {
-        ASSERT_EQ(kOk, r.muxer.WriteSampleData(s.bytes.data(), int32_t(s.bytes.size()), s.track, s.pts, s.dts, s.flags));
-        if (first[s.track] != kTimestampUnset) continue;
-        first[s.track] = s.pts;
-        if (s.track == kTrackVideo) videoDts = s.dts;
-    }
-    r.stop();
-    ASSERT_EQ(first[kTrackVideo], 0);
-    ASSERT_LT(videoDts, 0);  // B-frames
-    const auto at = [&](const char* stream, const char* entry) {
-        return std::llround(std::stod(probe(r.path, std::string("-select_streams ") + stream +
-                                                        " -read_intervals %+#1 -show_entries packet=" + entry)) * 1000);
-    };
-    EXPECT_EQ(at("v", "pts_time"), 0);
-    EXPECT_EQ(at("v", "dts_time"), videoDts);
-    EXPECT_EQ(at("a", "pts_time"), first[kTrackAudio]);
-    EXPECT_EQ(tsltest::decodeErrors(r.path), "");
-}
-
-TEST(Mux, AnOutputThatCannotTakeItsHeaderFailsTheStart) {
-    const std::string full = tsltest::scratchDir() + "/full.mp4";
-    std::filesystem::create_symlink("/dev/full", full);
+// An output that cannot take the header fails the start. A file that cannot be written fails as a whole:
+// samples are refused at once instead of waiting for room, stop says so, and the owner is still told once that
+// the thread has ended.
+TEST(Mux, AnOutputThatCannotBeWrittenFailsTheStartOrTheWholeFile) {
+    const std::string dir = tsltest::scratchDir();
+    std::filesystem::create_symlink("/dev/full", dir + "/full.mp4");
     MPEG4FileMuxer muxer;
     AudioTrackInfo audio = mainClip().audioInfo();
-    ASSERT_EQ(kOk, muxer.setOutputFile(full.c_str()) | muxer.addAudioTrack(&audio));
+    ASSERT_TRUE(muxer.setOutputFile((dir + "/full.mp4").c_str()) == kOk && muxer.addAudioTrack(&audio) == kOk);
     EXPECT_EQ(kErrFileIo, muxer.start());
-}
-
-// A file that cannot be written fails as a whole: samples are refused at once instead of waiting for room,
-// stop says so, and the owner is still told once that the thread has ended.
-TEST(Mux, AFailedWriteFailsTheFileAndRefusesFurtherSamplesAtOnce) {
-    Session r(tsltest::scratchDir() + "/out.mp4");
+    Session r(dir + "/out.mp4");
     r.start();
     tsltest::FileSizeLimit limit(200000);
     int32_t result = kOk;
@@ -272,8 +250,9 @@ TEST(Mux, AnOversizeVideoSampleNeverReachesTheFile) {
     std::vector<uint8_t> big = r.clip.samples[0].bytes;  // a key frame, padded by a filler NAL unit
     big.insert(big.end(), {0, 0, 1, 0x0C});
     big.resize(524289, 0xFF);
-    r.start(false, true);
-    EXPECT_EQ(kErrBufferTooSmall, r.muxer.WriteSampleData(big.data(), 524289, kTrackVideo, 0, 0, kSampleFlagVideoKey));
+    r.start(false);
+    EXPECT_EQ(kErrBufferTooSmall,
+              r.muxer.WriteSampleData(big.data(), 524289, kTrackVideo, 0, 0, kSampleFlagVideoKey));
     EXPECT_EQ(kOk, r.muxer.WriteSampleData(big.data(), 524288, kTrackVideo, 0, 0, kSampleFlagVideoKey));
     r.stop();
     EXPECT_EQ("video,1\n", probe(r.path, kCounts));
@@ -337,32 +316,9 @@ TEST(Mux, TheLowerDtsGoesFirstATieToVideoAndTheFileStartsAtTheLowerFirstHead) {
         EXPECT_EQ(c.written, r.written());
         std::vector<int64_t> audioDts, videoDts;
         for (auto [stream, dts] : c.written) (stream ? videoDts : audioDts).push_back(dts);
-        EXPECT_EQ(audioDts, dtsMs(r.path, "a"));
-        EXPECT_EQ(videoDts, dtsMs(r.path, "v"));
+        EXPECT_EQ(audioDts, timesMs(r.path, "a"));
+        EXPECT_EQ(videoDts, timesMs(r.path, "v"));
     }
-}
-
-// The parameter sets of `file`'s video in start-code form, and the avcC record libavformat wrote.
-struct Sets {
-    std::vector<uint8_t> annexB;
-    std::vector<uint8_t> record;
-};
-
-Sets setsOf(const std::string& file) {
-    Sets sets;
-    AVFormatContext* raw = nullptr;
-    if (avformat_open_input(&raw, file.c_str(), nullptr, nullptr) < 0) return sets;
-    InputFormatHolder input(raw);
-    const AVCodecParameters* par = input->streams[av_find_best_stream(raw, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0)]->codecpar;
-    sets.record.assign(par->extradata, par->extradata + par->extradata_size);
-    const AVBitStreamFilter* definition = av_bsf_get_by_name("h264_mp4toannexb");
-    AVBSFContext* made = nullptr;
-    if (av_bsf_alloc(definition, &made) < 0) return sets;
-    BitstreamFilterHolder filter(made);
-    avcodec_parameters_copy(filter->par_in, par);
-    if (av_bsf_init(filter.get()) >= 0)
-        sets.annexB.assign(filter->par_out->extradata, filter->par_out->extradata + filter->par_out->extradata_size);
-    return sets;
 }
 
 TEST(AvcRecord, IsTheRecordLibavformatWritesForEveryProfileAndLayout) {
@@ -370,13 +326,17 @@ TEST(AvcRecord, IsTheRecordLibavformatWritesForEveryProfileAndLayout) {
     // each stream goes through libavformat's own writer from its start-code form first.
     const std::string dir = tsltest::scratchDir();
     for (const char* name : {"main.mp4", "yuv422p10le.mp4", "yuv444p.mp4", "tables_gst.mp4", "large.mp4"}) {
+        SCOPED_TRACE(name);
         const std::string stream = dir + "/" + name + ".h264", written = dir + "/" + name;
         tsltest::run("ffmpeg -nostdin -v error -i " + tsltest::shellQuote(tsltest::media(name)) +
-                     " -map 0:v:0 -c copy -bsf:v h264_mp4toannexb -f h264 " + stream + " && ffmpeg -nostdin -v error -i " +
-                     stream + " -c copy " + written);
-        const Sets sets = setsOf(written);
-        ASSERT_FALSE(sets.annexB.empty()) << name;
-        EXPECT_EQ(avcRecord(sets.annexB.data(), sets.annexB.size()), sets.record) << name;
+                     " -map 0:v:0 -c copy -bsf:v h264_mp4toannexb -f h264 " + stream +
+                     " && ffmpeg -nostdin -v error -i " + stream + " -c copy " + written);
+        muxfixture::Clip clip;  // with the parameter sets back in start-code form
+        ASSERT_EQ("", muxfixture::readClip(written, &clip));
+        const InputFormatHolder input = openInput(written.c_str());
+        const AVCodecParameters* par = input->streams[0]->codecpar;
+        EXPECT_EQ(avcRecord(clip.annexB.data(), clip.annexB.size()),
+                  std::vector<uint8_t>(par->extradata, par->extradata + par->extradata_size));
     }
 }
 
@@ -391,18 +351,17 @@ TEST(LengthPrefixer, GivesEachUnitItsLengthWhateverItsStartCodeAndLeavesOutTrail
     // start code, and a unit that holds 0x01 and 0x00 0x00 0x03 inside.
     const uint8_t sample[] = {0xAA, 0, 0, 0, 1, 0x09, 0xF0, 0, 0, 0, 1, 0x65, 0x01, 0, 0, 3, 1, 0x88, 0,
                               0, 0, 1, 0x41, 0x9A};
-    const uint8_t expected[] = {0, 0, 0, 2, 0x09, 0xF0, 0, 0, 0, 7, 0x65, 0x01, 0, 0, 3, 1, 0x88,
-                                0, 0, 0, 2, 0x41, 0x9A};
+    // Then 8 zero bytes of padding, for a decoder that reads past the end.
+    const std::vector<uint8_t> expected = {0, 0, 0, 2, 0x09, 0xF0, 0, 0, 0, 7, 0x65, 0x01, 0, 0, 3, 1, 0x88,
+                                           0, 0, 0, 2, 0x41, 0x9A, 0, 0, 0, 0, 0, 0, 0, 0};
     // From the pool, and from an allocation of its own when the pool's buffers are too small.
-    for (const size_t pooled : {sizeof expected, sizeof expected - 1}) {
+    for (const size_t pooled : {expected.size() - 8, expected.size() - 9}) {
         LengthPrefixer prefixer(pooled);
         PacketHolder packet(av_packet_alloc());
         ASSERT_TRUE(prefixer.convert(sample, sizeof sample, packet.get()));
-        ASSERT_EQ(size_t(packet->size), sizeof expected);
-        EXPECT_EQ(std::memcmp(packet->data, expected, sizeof expected), 0);
+        ASSERT_EQ(size_t(packet->size), expected.size() - 8);
+        EXPECT_EQ(std::vector<uint8_t>(packet->data, packet->data + expected.size()), expected);
         EXPECT_NE(packet->buf, nullptr);  // reference-counted: libavformat keeps it without a copy
-        const std::vector<uint8_t> padding(packet->data + packet->size, packet->data + packet->size + 8);
-        EXPECT_EQ(padding, std::vector<uint8_t>(8, 0)) << "a decoder may read past the end";
         ASSERT_TRUE(prefixer.convert(sample, 1, packet.get()));
         EXPECT_EQ(packet->size, 0);
     }

@@ -66,16 +66,10 @@ TEST(Utf8ToWide, ConvertsValidAndRejectsInvalid) {
     EXPECT_EQ(utf8ToWide("\xF0\x9F\x8E\xAC"), std::wstring(1, static_cast<wchar_t>(0x1F3AC)));
     EXPECT_TRUE(utf8ToWide(nullptr).empty());
     EXPECT_TRUE(utf8ToWide("").empty());
-    const char* invalid[] = {
-        "\xFF",              // not a lead byte
-        "abc\x80",           // stray continuation
-        "\xC3",              // truncated sequence
-        "\xC0\xAF",          // overlong '/'
-        "\xED\xA0\x80",      // a surrogate
-        "\xF4\x90\x80\x80",  // past U+10FFFF
-        "ok\xE6\x97",        // truncated at the end
-    };
-    for (const char* s : invalid) EXPECT_TRUE(utf8ToWide(s).empty()) << s;
+    // Not a lead byte, a stray continuation, a truncated sequence, an overlong '/', a surrogate, past U+10FFFF,
+    // and a sequence cut off at the end.
+    for (const char* s : {"\xFF", "abc\x80", "\xC3", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "ok\xE6\x97"})
+        EXPECT_TRUE(utf8ToWide(s).empty()) << s;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // byte handed out at the wrong place shows.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <vector>
@@ -12,28 +13,24 @@
 
 namespace {
 
-uint8_t byteAt(int64_t position) { return static_cast<uint8_t>(position * 7 + (position >> 12)); }
-
 struct WindowOverFile {
     static constexpr int64_t kFileSize = kReadBufferSize + (4 << 20);
+    std::vector<uint8_t> bytes = std::vector<uint8_t>(size_t(kFileSize));
     std::unique_ptr<uint8_t[]> buffer{new uint8_t[kReadBufferSize]};
     FileCloser closer;
     ReadWindow window;
 
     WindowOverFile() {
+        for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i * 7 + (i >> 12));
         const std::string path = tsltest::scratchDir() + "/positions.bin";
-        std::vector<char> bytes(static_cast<size_t>(kFileSize));
-        for (int64_t i = 0; i < kFileSize; ++i) bytes[size_t(i)] = static_cast<char>(byteAt(i));
-        std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
+        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), kFileSize);
         closer.file = openFileRead(utf8ToWide(path.c_str()));
         window.file = closer.file;
         window.buffer = buffer.get();
     }
     bool holdsTheFile(int64_t position, int64_t length) const {
-        if (position < window.start() || position + length > window.bufferEnd) return false;
-        for (int64_t i = 0; i < length; ++i)
-            if (*window.at(position + i) != byteAt(position + i)) return false;
-        return true;
+        return position >= window.start() && position + length <= window.bufferEnd &&
+               std::equal(window.at(position), window.at(position + length), bytes.begin() + position);
     }
 };
 
