@@ -3,10 +3,6 @@
 #include "tessalo.h"
 
 int tslHeaderCheckC(void) {
-    TessaloMediaInfo info = {0};
-    EditRange range = {0, 1000};
-    EditOffset offset = {0, 0};
-    bool ok = true;
-    (void)offset;
-    return (int)sizeof(info) + (int)sizeof(range) + (ok ? kHostEventCutDone : 0);
+    const bool ok = true;
+    return (int)(sizeof(TessaloMediaInfo) + sizeof(EditRange) + sizeof(EditOffset)) + (ok ? kHostEventCutDone : 0);
 }

@@ -2,8 +2,7 @@
 // file's bytes exactly as they were; a refusal leaves no index and the instance ready for the next file.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
+#include <filesystem>
 #include <fstream>
 #include <set>
 
@@ -25,21 +24,17 @@ std::string damagedCopy(const std::string& source, const std::string& out, doubl
     return out;
 }
 
+// A directory has no bytes of its own; a file that cannot be read, none too ("").
 std::string hashOf(const std::string& path) {
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0) return "missing";
-    return S_ISDIR(st.st_mode) ? "directory" : fileMd5(path);
+    std::error_code error;
+    return std::filesystem::is_directory(path, error) ? "directory" : fileMd5(path);
 }
 
 // Every audio stream must pass, not only the first (AAC then MP3); and the rate test reads the time base,
 // so AAC in MPEG-TS (44100 Hz counted in 1/90000) is refused.
 TEST(BadInputs, EachEndsInItsEventChangesNothingAndARefusalLeavesTheInstanceUsable) {
     const std::string dir = scratchDir(), faststart = media("faststart.mp4"), main = media("main.mp4");
-    const std::string aacMp3 = dir + "/aac_mp3.mp4", ts = dir + "/main.ts", ffmpeg = "ffmpeg -nostdin -v quiet -y -i ";
     int status = 0;
-    run(ffmpeg + shellQuote(main) + " -map 0:v -map 0:a -map 0:a -c:v copy -c:a:0 copy -c:a:1 libmp3lame " +
-            shellQuote(aacMp3) + " && " + ffmpeg + shellQuote(main) + " -c copy " + shellQuote(ts), &status);
-    ASSERT_EQ(status, 0);
     for (const char* name : {"empty.mp4", "text.mp4"}) {  // FFmpeg cannot open these: asked, not assumed
         probe(media(name), "", &status);
         ASSERT_NE(status, 0) << name << " opens in ffprobe";
@@ -55,11 +50,11 @@ TEST(BadInputs, EachEndsInItsEventChangesNothingAndARefusalLeavesTheInstanceUsab
         {"no moov (truncated moov-at-end file)", media("truncated_nomoov.mp4"), openFails},
         {"HEVC", media("hevc.mp4"), badCodec},
         {"VP9 in WebM", media("vp9.webm"), badCodec},
-        {"MPEG-4 Part 2", media("mpeg4.mp4"), badCodec},
+        {"MPEG-4 Visual", media("mpeg4.mp4"), badCodec},
         {"MP3 audio", media("mp3audio.mp4"), badCodec},
-        {"AAC and MP3 audio", aacMp3, badCodec},
+        {"AAC and MP3 audio", media("aac_mp3.mp4"), badCodec},
         {"AAC at 22050 Hz", media("aac22050.mp4"), {kHostEventBadSampleRate}},
-        {"AAC in MPEG-TS", ts, {kHostEventBadSampleRate}},
+        {"AAC in MPEG-TS", media("main.ts"), {kHostEventBadSampleRate}},
         {"AAC with 6 channels", media("aac6ch.mp4"), {kHostEventBadChannels}},
         {"audio only", media("audioonly.mp4"), {kHostEventNoVideo}},
         {"cover-art track (left out, accepted)", media("coverart.mp4"), {kHostEventIndexReady}},
@@ -85,8 +80,8 @@ TEST(BadInputs, EachEndsInItsEventChangesNothingAndARefusalLeavesTheInstanceUsab
                 const std::vector<int64_t> keys = host.keyPts();
                 ASSERT_FALSE(keys.empty());
                 const Events request = host.request(keys);
-                EXPECT_TRUE(!request.empty() && (request.back() == kHostEventPicDone ||
-                                                 request.back() == kHostEventError || request.back() == kHostEventFileError));
+                const std::set<int32_t> requestEnds{kHostEventPicDone, kHostEventError, kHostEventFileError};
+                EXPECT_TRUE(!request.empty() && requestEnds.count(request.back()));
                 EXPECT_NE(host.cut(path, dir + "/out.mp4", {keys.front(), keys.back() + 500}, kCutKindMp4), -1);
                 TSL_CancelFile(host.handle);
             } else if (expected.size() == 1) {  // a refusal: one event, no index, and the next walk as any other

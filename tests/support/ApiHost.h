@@ -43,11 +43,14 @@ public:
         events.waitForAny({kHostEventPicDone, kHostEventError, kHostEventFileError}, kWait);
         return events.events();
     }
+    bool startCut(const std::string& src, const std::string& dst, EditRange range, int32_t kind = kCutKindSynced) {
+        return TSL_CutFile(handle, src.c_str(), dst.c_str(), &range, 1, nullptr, 0, kind);
+    }
     // One range cut to its end: the ending event.
     int32_t cut(const std::string& src, const std::string& dst, EditRange range, int32_t kind = kCutKindSynced) {
         events.clear();
-        if (!TSL_CutFile(handle, src.c_str(), dst.c_str(), &range, 1, nullptr, 0, kind)) return kRefused;
-        return events.waitForAny({kHostEventCutDone, kHostEventCutFailed}, kWait);
+        return startCut(src, dst, range, kind) ? events.waitForAny({kHostEventCutDone, kHostEventCutFailed}, kWait)
+                                               : kRefused;
     }
     std::vector<int64_t> keyPts() {
         std::vector<int64_t> out(size_t(std::max(TSL_GetKeyPtsCount(handle), 0)));
