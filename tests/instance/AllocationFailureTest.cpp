@@ -15,6 +15,8 @@
 #include "instance/TessaloImpl.h"
 #include "support/TestSupport.h"
 
+using namespace Morvel_Tessalo;
+
 namespace {
 
 std::atomic<bool> failing{false};
@@ -22,32 +24,6 @@ const std::thread::id testThread = std::this_thread::get_id();
 thread_local bool exempt = false;
 
 bool mustFail() { return failing.load() && !exempt && std::this_thread::get_id() != testThread; }
-
-}  // namespace
-
-// Every block of these replacements comes from malloc and goes back with free;
-// GCC, inlining the deletes into code it compiled against the built-in new,
-// cannot see that and warns of a mismatch.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-void* operator new(std::size_t size) {
-    if (mustFail()) throw std::bad_alloc();
-    if (void* block = std::malloc(size ? size : 1)) return block;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size ? size : 1); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size ? size : 1); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
-
-namespace {
-
-using namespace Morvel_Tessalo;
 
 // Counts events without allocating: it runs where allocation fails.
 struct Counter {
@@ -73,6 +49,28 @@ struct Counter {
     TessaloImpl* impl = nullptr;
     const std::string tiny = tsltest::media("tiny.mp4");
 };
+
+}  // namespace
+
+// Every block of these replacements comes from malloc and goes back with free;
+// GCC, inlining the deletes into code it compiled against the built-in new,
+// cannot see that and warns of a mismatch.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+void* operator new(std::size_t size) {
+    if (mustFail()) throw std::bad_alloc();
+    if (void* block = std::malloc(size ? size : 1)) return block;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size ? size : 1); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size ? size : 1); }
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete[](void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
 
 // The worker of a picture request cannot make its decoder: the request fails
 // with kHostEventError and no PicDone; the next request is served.
@@ -112,5 +110,3 @@ TEST(AllocationFailure, OnTheReaderFailsTheWalkAndRefusesAReentrantStart) {
     impl.stopWorker();
     EXPECT_EQ(impl.keyGroups.size(), 1u);
 }
-
-}  // namespace

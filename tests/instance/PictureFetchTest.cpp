@@ -9,18 +9,16 @@
 #include <filesystem>
 
 #include "decode/DecoderBase.h"
-#include "platform/ReadWindow.h"
 #include "instance/TessaloImpl.h"
 #include "platform/PlatformFile.h"
+#include "platform/ReadWindow.h"
 #include "support/TestSupport.h"
 
 using namespace Morvel_Tessalo;
 
 namespace {
 
-std::string mainFile() { return tsltest::media("main.mp4"); }
-
-std::vector<std::string> keyMd5() { return tsltest::ffmpegFrameMd5(mainFile(), true); }
+const std::string kMain = tsltest::media("main.mp4");
 
 // An instance that has walked main.mp4, so its path, avcC and index are real;
 // a test bends them, then runs one request as the worker does, on this thread.
@@ -31,7 +29,7 @@ struct Fetch {
     std::vector<std::string> md5s;
 
     Fetch() {
-        EXPECT_TRUE(impl.startPic(mainFile().c_str()) && walk.waitFor(kHostEventIndexReady));
+        EXPECT_TRUE(impl.startPic(kMain.c_str()) && walk.waitFor(kHostEventIndexReady));
         impl.stopWorker();
         impl.userData = this;
         impl.hostCallback = &Fetch::callback;
@@ -43,12 +41,10 @@ struct Fetch {
             self->md5s.push_back(tsltest::md5(self->impl.outputPicture.get(), size_t(self->impl.outputPictureSize)));
         return 0;
     }
-    std::vector<int64_t> keys() const {
-        std::vector<int64_t> out;
-        for (const FrameGroup* g : impl.keyGroups) out.push_back(g->front()->pts);
-        return out;
-    }
-    bool run(const std::vector<int64_t>& asked) {
+    // One request; by default for the first sample of each group, in the index's order.
+    bool run(std::vector<int64_t> asked = {}) {
+        if (asked.empty())
+            for (const FrameGroup* g : impl.keyGroups) asked.push_back(g->front()->pts);
         impl.askedPts = asked;
         impl.setState(kStateRunning);  // as startWorker leaves it
         impl.locateStart();
@@ -59,7 +55,6 @@ struct Fetch {
 };
 
 size_t movesFromBegin = 0;
-void countMove(int32_t, MoveFrom from) { movesFromBegin += from == MoveFrom::Begin; }
 
 }  // namespace
 
@@ -69,7 +64,7 @@ TEST(PictureFetch, AGapBeyondOneThirtyTwoBitMoveIsCrossedAndThePicturesAreRight)
     Fetch fetch;
     ASSERT_EQ(fetch.impl.keyGroups.size(), 5u);
     const std::string sparse = tsltest::scratchDir() + "/sparse.mp4";
-    const std::string in = tsltest::shellQuote(mainFile()), out = tsltest::shellQuote(sparse);
+    const std::string in = tsltest::shellQuote(kMain), out = tsltest::shellQuote(sparse);
     int status = 0;  // a copy, and the file again 3072 MiB in
     tsltest::run("cp " + in + " " + out + " && dd status=none conv=notrunc bs=1M seek=3072 if=" + in + " of=" + out,
                  &status);
@@ -79,12 +74,12 @@ TEST(PictureFetch, AGapBeyondOneThirtyTwoBitMoveIsCrossedAndThePicturesAreRight)
     for (size_t g = 1; g < fetch.impl.keyGroups.size(); ++g)
         for (FrameRecord* r : *fetch.impl.keyGroups[g]) r->position += 3LL << 30;
     movesFromBegin = 0;
-    setFileMoveHook(&countMove);
-    const bool result = fetch.run(fetch.keys());
+    setFileMoveHook([](int32_t, MoveFrom from) { movesFromBegin += from == MoveFrom::Begin; });
+    const bool result = fetch.run();
     setFileMoveHook(nullptr);
     std::filesystem::remove(sparse);
     EXPECT_TRUE(result);
-    EXPECT_EQ(fetch.md5s, keyMd5());
+    EXPECT_EQ(fetch.md5s, tsltest::ffmpegFrameMd5(kMain, true));
     EXPECT_EQ(fetch.events.back(), kHostEventPicReady);
     EXPECT_GE(movesFromBegin, 2u) << "the 3 GiB jump restarts from the beginning of the file";
 }
@@ -97,9 +92,9 @@ TEST(PictureFetch, SampleBeforeTheBufferIsReadFromItsPlace) {
     std::vector<FrameGroup*>& groups = fetch.impl.keyGroups;
     std::reverse(groups.begin(), groups.end());
     for (size_t g = 0; g + 1 < groups.size(); ++g) groups[g]->resize(1);  // the index still owns the records
-    std::vector<std::string> want = keyMd5();
+    std::vector<std::string> want = tsltest::ffmpegFrameMd5(kMain, true);
     std::reverse(want.begin(), want.end());
-    EXPECT_TRUE(fetch.run(fetch.keys()));
+    EXPECT_TRUE(fetch.run());
     EXPECT_EQ(fetch.md5s, want) << "key pictures depend on themselves only";
 }
 
@@ -107,7 +102,7 @@ TEST(PictureFetch, SampleBeforeTheBufferIsReadFromItsPlace) {
 TEST(PictureFetch, AFirstSampleWithoutAPositionFailsTheRequest) {
     Fetch fetch;
     fetch.impl.keyGroups[0]->front()->position = -1;
-    EXPECT_FALSE(fetch.run(fetch.keys()));
+    EXPECT_FALSE(fetch.run());
     EXPECT_EQ(fetch.events, (std::vector<int32_t>{kHostEventFileError}));
 }
 
@@ -116,7 +111,7 @@ TEST(PictureFetch, ALaterSampleThatCannotBeHeldEndsTheRequestAsTheFileWould) {
     // reaching past the end of the file: the request ends there, as at the
     // end of the file: what the decoder still holds comes out, and each asked
     // picture that cannot come is answered by a decode error, in order.
-    const int64_t fileSize = static_cast<int64_t>(std::filesystem::file_size(mainFile()));
+    const int64_t fileSize = static_cast<int64_t>(std::filesystem::file_size(kMain));
     for (const char* variant : {"no position", "longer than the read buffer", "past the end of the file"}) {
         SCOPED_TRACE(variant);
         Fetch fetch;

@@ -4,17 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
+#include <cstring>
 #include <vector>
 
-#include <cstring>
-
 #include "instance/PictureOutput.h"
-
-extern "C" {
-#include <libavutil/mem.h>
-#include <libavutil/pixfmt.h>
-}
 
 using namespace Morvel_Tessalo;
 
